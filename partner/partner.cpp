@@ -1,0 +1,645 @@
+#include "partner/partner.h"
+
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <memory>
+#include <system_error>
+#include <utility>
+
+namespace tevrol {
+namespace {
+
+constexpr const char* kNamePrefix = "org.ulmar.Tevrol.";
+constexpr const char* kPathPrefix = "/org/ulmar/tevrol/CommunicationChannel/";
+constexpr const char* kInterface = "org.ulmar.tevrol.DbusCommunication";
+constexpr const char* kMethod = "Send";
+constexpr const char* kOwnRole = "_SERVICE";
+constexpr const char* kClientRole = "_CLIENT";
+constexpr const char* kRehearsedError = "org.ulmar.tevrol.Error.Rehearsed";
+
+constexpr const char* kDriver = "org.freedesktop.DBus";
+constexpr const char* kDriverPath = "/org/freedesktop/DBus";
+constexpr const char* kLocal = "org.freedesktop.DBus.Local";
+constexpr const char* kLocalPath = "/org/freedesktop/DBus/Local";
+
+constexpr std::chrono::microseconds kResendPeriod{500000};
+
+using Message = std::unique_ptr<sd_bus_message, decltype(&sd_bus_message_unref)>;
+
+void Check(int result, const std::string& what) {
+    if (result < 0) {
+        throw std::system_error(-result, std::generic_category(), what);
+    }
+}
+
+// Reads the one argument "ay"; nothing if the body is of another type.
+std::optional<Bytes> ReadPayload(sd_bus_message* message) {
+    const void* data = nullptr;
+    std::size_t size = 0;
+    if (sd_bus_message_has_signature(message, "ay") <= 0 ||
+        sd_bus_message_read_array(message, 'y', &data, &size) < 0) {
+        return std::nullopt;
+    }
+    const char* bytes = static_cast<const char*>(data);
+    return size == 0 ? Bytes() : Bytes(bytes, bytes + size);
+}
+
+std::string NameOwnerMatch(const std::string& name) {
+    return std::string("type='signal',sender='") + kDriver + "',path='" + kDriverPath +
+           "',interface='" + kDriver + "',member='NameOwnerChanged',arg0='" + name + "'";
+}
+
+// Who released the name that a NameOwnerChanged is about; empty when it was acquired.
+std::string Releaser(sd_bus_message* signal) {
+    const char* name = nullptr;
+    const char* old_owner = nullptr;
+    const char* new_owner = nullptr;
+    if (sd_bus_message_read(signal, "sss", &name, &old_owner, &new_owner) < 0 ||
+        *new_owner != '\0') {
+        return {};
+    }
+    return old_owner;
+}
+
+// A request on its way: fulfils its promise with the reply, or when the connection goes first.
+struct PendingRequest {
+    std::promise<PartnerReply> promise;
+    bool fulfilled = false;
+
+    void Fulfil(PartnerReply reply) {
+        fulfilled = true;
+        promise.set_value(std::move(reply));
+    }
+
+    static int OnReply(sd_bus_message* message, void* data, sd_bus_error* /*error*/) {
+        auto* pending = static_cast<PendingRequest*>(data);
+        if (const sd_bus_error* error = sd_bus_message_get_error(message)) {
+            pending->Fulfil({false, {}, std::string(error->name) + ": " + error->message});
+        } else if (auto payload = ReadPayload(message)) {
+            pending->Fulfil({true, std::move(*payload), {}});
+        } else {
+            const char* type = sd_bus_message_get_signature(message, 1);
+            pending->Fulfil({false, {}, std::string("reply of type ") + type});
+        }
+        return 1;
+    }
+
+    static void OnDestroy(void* data) {
+        const std::unique_ptr<PendingRequest> pending(static_cast<PendingRequest*>(data));
+        if (!pending->fulfilled) {
+            pending->Fulfil({false, {}, "left the bus before the reply"});
+        }
+    }
+};
+
+std::future<PartnerReply> Failed(const std::string& why) {
+    std::promise<PartnerReply> promise;
+    promise.set_value({false, {}, why});
+    return promise.get_future();
+}
+
+}  // namespace
+
+const char* ToString(HandshakeStage stage) {
+    switch (stage) {
+        case HandshakeStage::Syn:
+            return "SYN";
+        case HandshakeStage::SynAck:
+            return "SYN_ACK";
+        case HandshakeStage::Ack:
+            return "ACK";
+    }
+    return "";
+}
+
+Body PayloadBody(Bytes payload) {
+    return [payload = std::move(payload)](sd_bus_message* message) {
+        return sd_bus_message_append_array(message, 'y', payload.data(), payload.size());
+    };
+}
+
+Body TextBody(std::string text) {
+    return [text = std::move(text)](sd_bus_message* message) {
+        return sd_bus_message_append(message, "s", text.c_str());
+    };
+}
+
+std::string ToString(const PartnerEvent& event) {
+    using Kind = PartnerEvent::Kind;
+    const std::string stage = ToString(event.stage);
+    switch (event.kind) {
+        case Kind::Joined:
+            return "joined " + event.peer;
+        case Kind::Heard:
+            return "heard " + stage + " from " + event.peer;
+        case Kind::Announced:
+            return "announced " + stage;
+        case Kind::Refused:
+            return "refused " + stage + ": " + event.text;
+        case Kind::Bound:
+            return "bound " + event.peer;
+        case Kind::Ready:
+            return "ready " + event.peer;
+        case Kind::Lost:
+            return "lost " + event.peer;
+        case Kind::Request:
+            return "request from " + event.peer + ": " + Describe(event.payload);
+        case Kind::Notification:
+            return "notification from " + event.peer + ": " + Describe(event.payload);
+        case Kind::Malformed:
+            return "malformed signal from " + event.peer + ": type \"" + event.text + "\"";
+        case Kind::Left:
+            return "left";
+    }
+    return {};
+}
+
+Partner::Partner(std::string channel, Functions functions, PartnerFaults faults)
+    : m_channel(std::move(channel)),
+      m_path(kPathPrefix + m_channel),
+      m_functions(std::move(functions)),
+      m_faults(std::move(faults)) {
+    Check(sd_event_new(&m_event), "event loop");
+    m_wake = eventfd(0, EFD_CLOEXEC);
+    Check(m_wake < 0 ? -errno : 0, "event loop");
+    const auto run_posted = [](sd_event_source*, int, uint32_t, void* self) {
+        static_cast<Partner*>(self)->RunPosted();
+        return 0;
+    };
+    Check(sd_event_add_io(m_event, nullptr, m_wake, EPOLLIN, run_posted, this), "event loop");
+    m_thread = std::thread([this] { sd_event_loop(m_event); });
+}
+
+Partner::~Partner() {
+    Post([this] {
+        LeaveNow();
+        sd_event_exit(m_event, 0);
+    });
+    m_thread.join();
+    sd_event_unref(m_event);
+    close(m_wake);
+}
+
+template <typename Task>
+auto Partner::Invoke(Task task) const -> decltype(task()) {
+    std::packaged_task<decltype(task())()> packaged(std::move(task));
+    auto result = packaged.get_future();
+    Post([&packaged] { packaged(); });
+    return result.get();
+}
+
+void Partner::Post(std::function<void()> task) const {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_posted.push_back(std::move(task));
+    eventfd_write(m_wake, 1);
+}
+
+void Partner::RunPosted() {
+    eventfd_t count = 0;
+    eventfd_read(m_wake, &count);
+    std::deque<std::function<void()>> tasks;
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        tasks.swap(m_posted);
+    }
+    for (const auto& task : tasks) {
+        task();
+    }
+}
+
+// ---- Joining and leaving ----
+
+void Partner::Join() {
+    Invoke([this] { JoinNow(); });
+}
+
+void Partner::Open() {
+    Invoke([this] { Answer(HandshakeStage::Syn); });
+}
+
+void Partner::JoinNow() {
+    if (m_bus != nullptr) {
+        return;
+    }
+    try {
+        Check(sd_bus_open_system(&m_bus), "cannot reach the system bus");
+        Check(sd_bus_attach_event(m_bus, m_event, SD_EVENT_PRIORITY_NORMAL), "event loop");
+        Export();
+        Listen(HandshakeStage::Syn);
+        Listen(HandshakeStage::SynAck);
+        Listen(HandshakeStage::Ack);
+    } catch (const std::system_error&) {
+        LeaveNow();
+        throw;
+    }
+    const char* unique_name = nullptr;
+    sd_bus_get_unique_name(m_bus, &unique_name);
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_unique_name = unique_name;
+    }
+    Tell({PartnerEvent::Kind::Joined, {}, unique_name, {}, {}});
+}
+
+void Partner::Leave() {
+    Invoke([this] { LeaveNow(); });
+}
+
+void Partner::LeaveNow() {
+    if (m_bus == nullptr) {
+        return;
+    }
+    Unbind();
+    for (const auto& [source, reply] : m_late_replies) {
+        sd_event_source_disable_unref(source);
+        sd_bus_message_unref(reply);
+    }
+    m_late_replies.clear();
+    sd_bus_close(m_bus);
+    m_bus = sd_bus_unref(m_bus);
+    std::string left;
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        left.swap(m_unique_name);
+    }
+    if (!left.empty()) {
+        Tell({PartnerEvent::Kind::Left, {}, {}, {}, {}});
+    }
+}
+
+bool Partner::LeaveAt(Moment moment) {
+    if (m_faults.leave_at != moment) {
+        return false;
+    }
+    m_faults.leave_at.reset();
+    LeaveNow();
+    return true;
+}
+
+void Partner::Export() {
+    static const sd_bus_vtable vtable[] = {
+        SD_BUS_VTABLE_START(0),
+        SD_BUS_METHOD_WITH_NAMES("Send", "ay", SD_BUS_PARAM(data), "ay", SD_BUS_PARAM(response),
+                                 ([](sd_bus_message* call, void* self, sd_bus_error*) {
+                                     return static_cast<Partner*>(self)->OnRequest(call);
+                                 }),
+                                 SD_BUS_VTABLE_UNPRIVILEGED),
+        SD_BUS_VTABLE_END};
+    Check(sd_bus_add_object_vtable(m_bus, nullptr, m_path.c_str(), kInterface, vtable, this),
+          "cannot export " + m_path);
+    const auto on_disconnected = [](sd_bus_message*, void* self, sd_bus_error*) {
+        static_cast<Partner*>(self)->LeaveNow();
+        return 0;
+    };
+    Check(sd_bus_match_signal(m_bus, nullptr, nullptr, kLocalPath, kLocal, "Disconnected",
+                              on_disconnected, this),
+          "cannot watch the connection");
+}
+
+void Partner::Listen(HandshakeStage stage) {
+    static constexpr auto kHear = [](HandshakeStage heard, sd_bus_message* signal, void* self) {
+        const std::string announcer = Releaser(signal);
+        if (!announcer.empty()) {
+            static_cast<Partner*>(self)->OnClientName(heard, announcer);
+        }
+        return 0;
+    };
+    static constexpr std::array<sd_bus_message_handler_t, 3> kHandlers = {
+        [](sd_bus_message* signal, void* self, sd_bus_error*) {
+            return kHear(HandshakeStage::Syn, signal, self);
+        },
+        [](sd_bus_message* signal, void* self, sd_bus_error*) {
+            return kHear(HandshakeStage::SynAck, signal, self);
+        },
+        [](sd_bus_message* signal, void* self, sd_bus_error*) {
+            return kHear(HandshakeStage::Ack, signal, self);
+        },
+    };
+    const std::string name = Name(kClientRole, stage);
+    Check(sd_bus_add_match(m_bus, nullptr, NameOwnerMatch(name).c_str(),
+                           kHandlers.at(static_cast<std::size_t>(stage)), this),
+          "cannot listen for " + name);
+}
+
+// ---- Announcements ----
+
+std::string Partner::Name(const char* role, HandshakeStage stage) const {
+    return kNamePrefix + m_channel + role + "_" + ToString(stage);
+}
+
+bool Partner::AcquireName(const std::string& name, HandshakeStage stage) {
+    const int result = m_bus == nullptr ? -ENOTCONN : sd_bus_request_name(m_bus, name.c_str(), 0);
+    if (result < 0) {
+        Tell({PartnerEvent::Kind::Refused, stage, {}, name + ": " + strerror(-result), {}});
+    }
+    return result >= 0;
+}
+
+bool Partner::ReleaseName(const std::string& name) {
+    return m_bus != nullptr && sd_bus_release_name(m_bus, name.c_str()) >= 0;
+}
+
+bool Partner::Announce(HandshakeStage stage) {
+    return Invoke([&] { return AnnounceNow(stage); });
+}
+
+bool Partner::AnnounceNow(HandshakeStage stage) {
+    const std::string name = Name(kOwnRole, stage);
+    if (!AcquireName(name, stage) || !ReleaseName(name)) {
+        return false;
+    }
+    Tell({PartnerEvent::Kind::Announced, stage, {}, {}, {}});
+    return true;
+}
+
+bool Partner::Acquire(HandshakeStage stage) {
+    return Invoke([&] { return AcquireName(Name(kOwnRole, stage), stage); });
+}
+
+bool Partner::Release(HandshakeStage stage) {
+    return Invoke([&] { return ReleaseName(Name(kOwnRole, stage)); });
+}
+
+bool Partner::HoldClientName(HandshakeStage stage) {
+    return Invoke([&] { return AcquireName(Name(kClientRole, stage), stage); });
+}
+
+bool Partner::ReleaseClientName(HandshakeStage stage) {
+    return Invoke([&] { return ReleaseName(Name(kClientRole, stage)); });
+}
+
+bool Partner::Answer(HandshakeStage stage) {
+    // Three moments for each stage, in the order of the stages.
+    const int first = 3 * static_cast<int>(stage);
+    const auto before = static_cast<Moment>(first);
+    const auto during = static_cast<Moment>(first + 1);
+    const auto after = static_cast<Moment>(first + 2);
+    if (LeaveAt(before)) {
+        return false;
+    }
+    if (m_faults.leave_at == during && AcquireName(Name(kOwnRole, stage), stage)) {
+        LeaveAt(during);
+        return false;
+    }
+    const bool announced = AnnounceNow(stage);
+    if (announced && LeaveAt(after)) {
+        return false;
+    }
+    // As at the other end, the SYN is announced once.
+    if (!announced && stage != HandshakeStage::Syn) {
+        m_owed = stage;
+        const auto resend = [](sd_event_source*, uint64_t, void* self) {
+            static_cast<Partner*>(self)->Resend();
+            return 0;
+        };
+        m_resend = sd_event_source_disable_unref(m_resend);
+        sd_event_add_time_relative(m_event, &m_resend, CLOCK_MONOTONIC, kResendPeriod.count(), 0,
+                                   resend, this);
+    }
+    return announced;
+}
+
+void Partner::Resend() {
+    const auto owed = std::exchange(m_owed, std::nullopt);
+    if (owed && Answer(*owed) && *owed == HandshakeStage::Ack) {
+        Complete();
+    }
+}
+
+// ---- Handshake ----
+
+void Partner::OnClientName(HandshakeStage stage, const std::string& announcer) {
+    if (announcer == UniqueName()) {
+        return;
+    }
+    Tell({PartnerEvent::Kind::Heard, stage, announcer, {}, {}});
+    const bool bound = !BoundTo().empty();
+    if (stage == HandshakeStage::Ack) {
+        if (bound) {
+            Complete();
+        }
+        return;
+    }
+    if (bound) {
+        return;
+    }
+    const bool completes = stage == HandshakeStage::SynAck;
+    Bind(announcer);
+    if (Answer(completes ? HandshakeStage::Ack : HandshakeStage::SynAck) && completes) {
+        Complete();
+    }
+}
+
+void Partner::Complete() {
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_ready = true;
+    }
+    Tell({PartnerEvent::Kind::Ready, {}, BoundTo(), {}, {}});
+    LeaveAt(Moment::OnReady);
+}
+
+void Partner::Bind(const std::string& client) {
+    const auto on_owner_change = [](sd_bus_message* signal, void* self, sd_bus_error*) {
+        if (!Releaser(signal).empty()) {
+            static_cast<Partner*>(self)->Lose();
+        }
+        return 0;
+    };
+    const auto on_signal = [](sd_bus_message* signal, void* self, sd_bus_error*) {
+        return static_cast<Partner*>(self)->OnSignal(signal);
+    };
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_client = client;
+    }
+    Tell({PartnerEvent::Kind::Bound, {}, client, {}, {}});
+    sd_bus_add_match(m_bus, &m_client_watch, NameOwnerMatch(client).c_str(), on_owner_change, this);
+    sd_bus_match_signal(m_bus, &m_client_signals, client.c_str(), m_path.c_str(), kInterface,
+                        nullptr, on_signal, this);
+    // A client that was gone before the watch stood is not reported by it.
+    sd_bus_error error{};
+    if (sd_bus_call_method(m_bus, kDriver, kDriverPath, kDriver, "GetNameOwner", &error, nullptr,
+                           "s", client.c_str()) < 0 &&
+        sd_bus_error_has_name(&error, SD_BUS_ERROR_NAME_HAS_NO_OWNER)) {
+        Lose();
+    }
+    sd_bus_error_free(&error);
+}
+
+void Partner::Unbind() {
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_client.clear();
+        m_ready = false;
+    }
+    m_client_watch = sd_bus_slot_unref(m_client_watch);
+    m_client_signals = sd_bus_slot_unref(m_client_signals);
+    m_owed.reset();
+    m_resend = sd_event_source_disable_unref(m_resend);
+}
+
+void Partner::Lose() {
+    const std::string client = BoundTo();
+    Unbind();
+    Tell({PartnerEvent::Kind::Lost, {}, client, {}, {}});
+}
+
+// ---- Messages ----
+
+int Partner::OnRequest(sd_bus_message* call) {
+    using Reply = PartnerFaults::Reply;
+    const Bytes request = ReadPayload(call).value_or(Bytes());
+    Tell({PartnerEvent::Kind::Request, {}, sd_bus_message_get_sender(call), {}, request});
+    if (m_faults.reply == Reply::Never || LeaveAt(Moment::OnRequest)) {
+        return 1;
+    }
+    if (m_faults.reply == Reply::Error) {
+        return sd_bus_reply_method_errorf(call, kRehearsedError, "refused on purpose");
+    }
+    const Body body = m_faults.reply == Reply::WrongType
+                          ? m_faults.wrong_body
+                          : PayloadBody(m_functions.answer ? m_functions.answer(request) : request);
+    sd_bus_message* created = nullptr;
+    const int result = sd_bus_message_new_method_return(call, &created);
+    const Message reply(created, sd_bus_message_unref);
+    if (result < 0 || body(created) < 0) {
+        return sd_bus_reply_method_errorf(call, SD_BUS_ERROR_FAILED, "cannot build the reply");
+    }
+    if (m_faults.reply == Reply::Late) {
+        ReplyLater(created);
+        return 1;
+    }
+    return sd_bus_send(m_bus, created, nullptr);
+}
+
+void Partner::ReplyLater(sd_bus_message* reply) {
+    const auto send = [](sd_event_source* source, uint64_t, void* data) {
+        auto* self = static_cast<Partner*>(data);
+        const auto late = self->m_late_replies.find(source);
+        const Message due(late->second, sd_bus_message_unref);
+        self->m_late_replies.erase(late);
+        sd_bus_send(self->m_bus, due.get(), nullptr);
+        sd_event_source_disable_unref(source);
+        return 0;
+    };
+    const std::chrono::microseconds lateness = m_faults.lateness;
+    sd_event_source* source = nullptr;
+    if (sd_event_add_time_relative(m_event, &source, CLOCK_MONOTONIC,
+                                   static_cast<uint64_t>(lateness.count()), 0, send, this) >= 0) {
+        m_late_replies[source] = sd_bus_message_ref(reply);
+    }
+}
+
+int Partner::OnSignal(sd_bus_message* signal) {
+    const std::string sender = sd_bus_message_get_sender(signal);
+    if (auto payload = ReadPayload(signal)) {
+        Tell({PartnerEvent::Kind::Notification, {}, sender, {}, std::move(*payload)});
+    } else {
+        Tell({PartnerEvent::Kind::Malformed,
+              {},
+              sender,
+              sd_bus_message_get_signature(signal, 1),
+              {}});
+    }
+    return 0;
+}
+
+std::future<PartnerReply> Partner::Request(Body body) {
+    const std::string client = BoundTo();
+    if (client.empty() || !IsReady()) {
+        return Failed("not ready");
+    }
+    return RequestOf(client, std::move(body));
+}
+
+std::future<PartnerReply> Partner::RequestOf(std::string destination, Body body) {
+    return Invoke([&]() -> std::future<PartnerReply> {
+        if (m_bus == nullptr) {
+            return Failed("not on the bus");
+        }
+        sd_bus_message* created = nullptr;
+        int result = sd_bus_message_new_method_call(m_bus, &created, destination.c_str(),
+                                                    m_path.c_str(), kInterface, kMethod);
+        const Message call(created, sd_bus_message_unref);
+        if (result >= 0) {
+            result = body(created);
+        }
+        auto pending = std::make_unique<PendingRequest>();
+        auto future = pending->promise.get_future();
+        sd_bus_slot* slot = nullptr;
+        if (result >= 0) {
+            result =
+                sd_bus_call_async(m_bus, &slot, created, PendingRequest::OnReply, pending.get(), 0);
+        }
+        if (result < 0) {
+            return Failed(std::string("cannot send: ") + strerror(-result));
+        }
+        // From here on the request belongs to the slot, and the slot to the connection.
+        sd_bus_slot_set_destroy_callback(slot, PendingRequest::OnDestroy);
+        sd_bus_slot_set_floating(slot, 1);
+        sd_bus_slot_unref(slot);
+        static_cast<void>(pending.release());
+        return future;
+    });
+}
+
+bool Partner::Notify(Body body, const std::string& member) {
+    const std::string client = BoundTo();
+    return !client.empty() && NotifyTo(client, std::move(body), member);
+}
+
+bool Partner::NotifyTo(std::string destination, Body body, const std::string& member) {
+    return Invoke([&] {
+        if (m_bus == nullptr) {
+            return false;
+        }
+        sd_bus_message* created = nullptr;
+        const int result =
+            sd_bus_message_new_signal(m_bus, &created, m_path.c_str(), kInterface, member.c_str());
+        const Message signal(created, sd_bus_message_unref);
+        return result >= 0 && sd_bus_message_set_destination(created, destination.c_str()) >= 0 &&
+               body(created) >= 0 && sd_bus_send(m_bus, created, nullptr) >= 0;
+    });
+}
+
+void Partner::Settle() {
+    Invoke([this] {
+        if (m_bus != nullptr) {
+            sd_bus_call_method(m_bus, kDriver, kDriverPath, kDriver, "GetId", nullptr, nullptr, "");
+        }
+    });
+}
+
+// ---- State ----
+
+void Partner::SetFaults(PartnerFaults faults) {
+    Invoke([&] { m_faults = std::move(faults); });
+}
+
+std::string Partner::UniqueName() const {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    return m_unique_name;
+}
+
+std::string Partner::BoundTo() const {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    return m_client;
+}
+
+bool Partner::IsReady() const {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    return m_ready;
+}
+
+void Partner::Tell(const PartnerEvent& event) const {
+    if (m_functions.event) {
+        m_functions.event(event);
+    }
+}
+
+}  // namespace tevrol

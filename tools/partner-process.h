@@ -1,0 +1,45 @@
+// The partner program as a child process: the other end that can be killed.
+#pragma once
+
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tools/subprocess.h"
+
+namespace tevrol {
+
+class PartnerProcess {
+public:
+    // Starts `program` (the path of tevrol-partner) for `channel`. Throws std::runtime_error.
+    PartnerProcess(const std::string& program, const std::string& channel,
+                   const std::vector<std::string>& options = {});
+    // Kills it if it still runs.
+    ~PartnerProcess();
+    PartnerProcess(const PartnerProcess&) = delete;
+    PartnerProcess& operator=(const PartnerProcess&) = delete;
+
+    // Gives it one line of standard input.
+    void Command(const std::string& line);
+    // Sends a signal.
+    void Signal(int signal);
+    // SIGKILL, and waits until it is gone.
+    void Kill();
+
+    // What it has printed so far, line by line. From any thread.
+    std::vector<std::string> Lines() const;
+    // The rest of the first line that begins with `beginning`, from the line number `from` on;
+    // empty when there is none yet.
+    std::string Find(const std::string& beginning, std::size_t from = 0) const;
+
+private:
+    void ReadLines();
+
+    Subprocess m_process;
+    mutable std::mutex m_mutex;  // guards m_lines
+    std::vector<std::string> m_lines;
+    std::thread m_reader;
+};
+
+}  // namespace tevrol

@@ -1,0 +1,91 @@
+#include "tools/private-bus.h"
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <stdexcept>
+
+namespace tevrol {
+namespace {
+
+constexpr const char* kAddressVariable = "DBUS_SYSTEM_BUS_ADDRESS";
+
+// No type and no limits are named: the daemon's built-in limits are the stock system bus's, and the
+// type "system" would only make it complain where it may not raise its own.
+std::string Configuration(const std::string& folder) {
+    return "<!DOCTYPE busconfig PUBLIC '-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN'\n"
+           " 'http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd'>\n"
+           "<busconfig>\n"
+           "  <listen>unix:path=" +
+           folder +
+           "/socket</listen>\n"
+           "  <auth>EXTERNAL</auth>\n"
+           "  <policy context='default'>\n"
+           "    <allow own='*'/>\n"
+           "    <allow send_destination='*' eavesdrop='true'/>\n"
+           "    <allow receive_sender='*' eavesdrop='true'/>\n"
+           "  </policy>\n"
+           "</busconfig>\n";
+}
+
+std::string MakeFolder() {
+    GError* error = nullptr;
+    gchar* made = g_dir_make_tmp("tevrol-bus-XXXXXX", &error);
+    if (made == nullptr) {
+        const std::string message = error->message;
+        g_error_free(error);
+        throw std::runtime_error("no folder for the private bus: " + message);
+    }
+    std::string folder = made;
+    g_free(made);
+    return folder;
+}
+
+std::string ReadAddress(GSubprocess* daemon) {
+    const std::unique_ptr<GDataInputStream, GObjectUnref> output(
+        g_data_input_stream_new(g_subprocess_get_stdout_pipe(daemon)));
+    gchar* line = g_data_input_stream_read_line(output.get(), nullptr, nullptr, nullptr);
+    const std::string address = line == nullptr ? "" : line;
+    g_free(line);
+    return address;
+}
+
+}  // namespace
+
+PrivateBus::PrivateBus() : m_folder(MakeFolder()) {
+    const std::string configuration = m_folder + "/bus.conf";
+    std::ofstream(configuration) << Configuration(m_folder);
+    try {
+        m_daemon = StartDyingWithParent({"dbus-daemon", "--config-file=" + configuration,
+                                         "--nofork", "--nopidfile", "--print-address=1"},
+                                        G_SUBPROCESS_FLAGS_STDOUT_PIPE);
+        m_address = ReadAddress(m_daemon.get());
+        if (m_address.empty()) {
+            throw std::runtime_error("dbus-daemon ended without an address");
+        }
+    } catch (const std::runtime_error& failure) {
+        std::error_code ignored;
+        std::filesystem::remove_all(m_folder, ignored);
+        throw std::runtime_error(std::string("no private bus: ") + failure.what());
+    }
+    setenv(kAddressVariable, m_address.c_str(), 1);
+}
+
+PrivateBus::~PrivateBus() {
+    Kill();
+    unsetenv(kAddressVariable);
+    std::error_code ignored;
+    std::filesystem::remove_all(m_folder, ignored);
+}
+
+pid_t PrivateBus::Pid() const {
+    const gchar* pid = g_subprocess_get_identifier(m_daemon.get());
+    return pid == nullptr ? 0 : static_cast<pid_t>(std::atoi(pid));
+}
+
+void PrivateBus::Kill() {
+    g_subprocess_force_exit(m_daemon.get());
+    g_subprocess_wait(m_daemon.get(), nullptr, nullptr);
+}
+
+}  // namespace tevrol

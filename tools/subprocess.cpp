@@ -1,0 +1,31 @@
+#include "tools/subprocess.h"
+
+#include <sys/prctl.h>
+
+#include <csignal>
+#include <stdexcept>
+
+namespace tevrol {
+
+Subprocess StartDyingWithParent(const std::vector<std::string>& arguments, GSubprocessFlags flags) {
+    std::vector<const gchar*> argv;
+    for (const auto& argument : arguments) {
+        argv.push_back(argument.c_str());
+    }
+    argv.push_back(nullptr);
+
+    const std::unique_ptr<GSubprocessLauncher, GObjectUnref> launcher(
+        g_subprocess_launcher_new(flags));
+    const auto die_with_parent = [](gpointer) { prctl(PR_SET_PDEATHSIG, SIGKILL); };
+    g_subprocess_launcher_set_child_setup(launcher.get(), die_with_parent, nullptr, nullptr);
+    GError* error = nullptr;
+    Subprocess child(g_subprocess_launcher_spawnv(launcher.get(), argv.data(), &error));
+    if (!child) {
+        const std::string message = error->message;
+        g_error_free(error);
+        throw std::runtime_error(message);
+    }
+    return child;
+}
+
+}  // namespace tevrol

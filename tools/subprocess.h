@@ -1,0 +1,24 @@
+// Child processes that never outlive the program that started them.
+#pragma once
+
+#include <gio/gio.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace tevrol {
+
+struct GObjectUnref {
+    void operator()(gpointer object) const {
+        g_object_unref(object);
+    }
+};
+using Subprocess = std::unique_ptr<GSubprocess, GObjectUnref>;
+
+// Starts `arguments` (the program first, looked up in PATH) with the pipes that `flags` ask for.
+// The kernel kills the child when the calling thread ends, so call it on a thread that lives as
+// long as the child shall. Throws std::runtime_error when it cannot be started.
+Subprocess StartDyingWithParent(const std::vector<std::string>& arguments, GSubprocessFlags flags);
+
+}  // namespace tevrol
