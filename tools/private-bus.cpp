@@ -10,8 +10,7 @@ namespace {
 
 constexpr const char* kAddressVariable = "DBUS_SYSTEM_BUS_ADDRESS";
 
-// No type and no limits are named: the daemon's built-in limits are the stock system bus's, and the
-// type "system" would only make it complain where it may not raise its own.
+// No limits are named: the daemon's built-in ones are the stock system bus's.
 std::string Configuration(const std::string& folder) {
     return "<!DOCTYPE busconfig PUBLIC '-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN'\n"
            " 'http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd'>\n"
@@ -41,6 +40,11 @@ std::string MakeFolder() {
     return folder;
 }
 
+std::string ReadFile(const std::string& path) {
+    std::ifstream file(path);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
 std::string ReadAddress(GSubprocess* daemon) {
     const std::unique_ptr<GDataInputStream, GObjectUnref> output(
         g_data_input_stream_new(g_subprocess_get_stdout_pipe(daemon)));
@@ -54,14 +58,17 @@ std::string ReadAddress(GSubprocess* daemon) {
 
 PrivateBus::PrivateBus() : m_folder(MakeFolder()) {
     const std::string configuration = m_folder + "/bus.conf";
+    // The daemon's complaints matter only if it fails: started by root in a container, it always
+    // finds that it may not raise its limit of file descriptors.
+    const std::string complaints = m_folder + "/errors";
     std::ofstream(configuration) << Configuration(m_folder);
     try {
         m_daemon = StartDyingWithParent({"dbus-daemon", "--config-file=" + configuration,
                                          "--nofork", "--nopidfile", "--print-address=1"},
-                                        G_SUBPROCESS_FLAGS_STDOUT_PIPE);
+                                        G_SUBPROCESS_FLAGS_STDOUT_PIPE, complaints);
         m_address = ReadAddress(m_daemon.get());
         if (m_address.empty()) {
-            throw std::runtime_error("dbus-daemon ended without an address");
+            throw std::runtime_error("dbus-daemon gave no address: " + ReadFile(complaints));
         }
     } catch (const std::runtime_error& failure) {
         std::error_code ignored;

@@ -7,7 +7,8 @@
 
 namespace tevrol {
 
-Subprocess StartDyingWithParent(const std::vector<std::string>& arguments, GSubprocessFlags flags) {
+Subprocess StartDyingWithParent(const std::vector<std::string>& arguments, GSubprocessFlags flags,
+                                const std::string& error_output) {
     std::vector<const gchar*> argv;
     for (const auto& argument : arguments) {
         argv.push_back(argument.c_str());
@@ -18,6 +19,9 @@ Subprocess StartDyingWithParent(const std::vector<std::string>& arguments, GSubp
         g_subprocess_launcher_new(flags));
     const auto die_with_parent = [](gpointer) { prctl(PR_SET_PDEATHSIG, SIGKILL); };
     g_subprocess_launcher_set_child_setup(launcher.get(), die_with_parent, nullptr, nullptr);
+    if (!error_output.empty()) {
+        g_subprocess_launcher_set_stderr_file_path(launcher.get(), error_output.c_str());
+    }
     GError* error = nullptr;
     Subprocess child(g_subprocess_launcher_spawnv(launcher.get(), argv.data(), &error));
     if (!child) {

@@ -18,7 +18,9 @@ using Subprocess = std::unique_ptr<GSubprocess, GObjectUnref>;
 
 // Starts `arguments` (the program first, looked up in PATH) with the pipes that `flags` ask for.
 // The kernel kills the child when the calling thread ends, so call it on a thread that lives as
-// long as the child shall. Throws std::runtime_error when it cannot be started.
-Subprocess StartDyingWithParent(const std::vector<std::string>& arguments, GSubprocessFlags flags);
+// long as the child shall. Its standard error goes to the file `error_output`, or where this
+// process's goes if that is empty. Throws std::runtime_error when it cannot be started.
+Subprocess StartDyingWithParent(const std::vector<std::string>& arguments, GSubprocessFlags flags,
+                                const std::string& error_output = "");
 
 }  // namespace tevrol

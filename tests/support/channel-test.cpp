@@ -1,0 +1,148 @@
+#include "tests/support/channel-test.h"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+
+GDBusConnection* ChannelTest::connection = nullptr;
+
+namespace {
+
+GVariant* CallDriver(GDBusConnection* connection, const char* method, GVariant* parameters) {
+    return g_dbus_connection_call_sync(connection, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                       "org.freedesktop.DBus", method, parameters, nullptr,
+                                       G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr);
+}
+
+}  // namespace
+
+Bytes AllByteValues() {
+    Bytes bytes;
+    for (int value = 0; value < 256; ++value) {
+        bytes.push_back(static_cast<char>(value));
+    }
+    return bytes;
+}
+
+// ---- TestPartner ----
+
+TestPartner::TestPartner(const std::string& channel, std::function<Bytes(const Bytes&)> answer)
+    : TestPartner(channel, std::move(answer), std::make_shared<Recorded>()) {}
+
+TestPartner::TestPartner(const std::string& channel, std::function<Bytes(const Bytes&)> answer,
+                         std::shared_ptr<Recorded> recorded)
+    : Partner(channel, {std::move(answer),
+                        [recorded](const tevrol::PartnerEvent& event) {
+                            const std::lock_guard<std::mutex> lock(recorded->mutex);
+                            recorded->lines.push_back(ToString(event));
+                        }}),
+      m_recorded(recorded) {}
+
+std::vector<std::string> TestPartner::Events() const {
+    const std::lock_guard<std::mutex> lock(m_recorded->mutex);
+    return m_recorded->lines;
+}
+
+int TestPartner::Count(const std::string& event) const {
+    const auto events = Events();
+    return static_cast<int>(std::count(events.begin(), events.end(), event));
+}
+
+// ---- TestChannel ----
+
+std::vector<char> TestChannel::HandleMessage(std::vector<char>& data) {
+    const std::lock_guard<std::mutex> lock(m_recorded_mutex);
+    m_requests.push_back(data);
+    return answer ? answer(data) : data;
+}
+
+void TestChannel::HandleNotification(std::vector<char>& data) {
+    const std::lock_guard<std::mutex> lock(m_recorded_mutex);
+    m_notifications.push_back(data);
+}
+
+void TestChannel::HandleConnectionReady(bool state, const std::string& partner) {
+    {
+        const std::lock_guard<std::mutex> lock(m_recorded_mutex);
+        m_ready_calls.emplace_back(state, partner);
+    }
+    if (on_ready) {
+        on_ready(state, partner);
+    }
+}
+
+// ---- CapturedOutput ----
+
+CapturedOutput::CapturedOutput()
+    : m_saved((fflush(stdout), dup(STDOUT_FILENO))), m_file(memfd_create("stdout", MFD_CLOEXEC)) {
+    dup2(m_file, STDOUT_FILENO);
+}
+
+CapturedOutput::~CapturedOutput() {
+    fflush(stdout);
+    dup2(m_saved, STDOUT_FILENO);
+    close(m_saved);
+    close(m_file);
+}
+
+std::string CapturedOutput::Text() const {
+    fflush(stdout);
+    std::string text(static_cast<std::size_t>(lseek(m_file, 0, SEEK_END)), '\0');
+    text.resize(static_cast<std::size_t>(pread(m_file, text.data(), text.size(), 0)));
+    return text;
+}
+
+// ---- ChannelTest ----
+
+ChannelTest::ChannelTest() {
+    connection = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
+    g_dbus_connection_set_exit_on_close(connection, FALSE);
+}
+
+ChannelTest::~ChannelTest() {
+    g_object_unref(connection);
+}
+
+void ChannelTest::Settle(TestPartner& partner) {
+    partner.Settle();
+    Settle();
+}
+
+void ChannelTest::Settle() {
+    // The answer arrives behind all that the bus has routed to this process before; GIO queues each
+    // delivery in the main context before it hands out the answer.
+    GVariant* reply = CallDriver(connection, "GetId", nullptr);
+    if (reply != nullptr) {
+        g_variant_unref(reply);
+    }
+    while (g_main_context_iteration(nullptr, FALSE) != FALSE) {
+    }
+}
+
+void ChannelTest::Connect(TestPartner& partner, TestChannel& channel) {
+    partner.Join();
+    partner.Open();
+    ASSERT_TRUE(IterateUntil([&] { return channel.IsConnectionReady() && partner.IsReady(); }));
+}
+
+PartnerReply ChannelTest::Await(std::future<PartnerReply> future) {
+    const auto done = [&] {
+        return future.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
+    };
+    return IterateUntil(done) ? future.get() : PartnerReply{false, {}, "the test gave up"};
+}
+
+bool ChannelTest::NameHasOwner(const std::string& name) {
+    GVariant* reply = CallDriver(connection, "NameHasOwner", g_variant_new("(s)", name.c_str()));
+    gboolean owned = FALSE;
+    g_variant_get(reply, "(b)", &owned);
+    g_variant_unref(reply);
+    return owned != FALSE;
+}
+
+std::string ChannelTest::OwnName() {
+    return g_dbus_connection_get_unique_name(connection);
+}

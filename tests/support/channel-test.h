@@ -1,0 +1,140 @@
+// The fixture of all tests that need a bus: a private one, a channel that records what its handlers
+// are told, and a partner that records what it sees.
+//
+// Each test runs in a process of its own, because GIO's system bus connection is one per process.
+// After a channel is destroyed the main context must not be iterated again, as in any application:
+// declare the channel before the partner, and let both end with the test.
+#pragma once
+
+#include <gio/gio.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <future>
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "ipc/tevrol-dbus-remote.h"
+#include "partner/partner.h"
+#include "partner/payload.h"
+#include "tests/support/log.h"
+#include "tools/loop.h"
+#include "tools/private-bus.h"
+
+using tevrol::Bytes;
+using tevrol::HandshakeStage;
+using tevrol::IterateUntil;
+using tevrol::PartnerFaults;
+using tevrol::PartnerReply;
+using tevrol::ToBytes;
+
+// Every byte value once, in order.
+Bytes AllByteValues();
+
+// A partner that keeps its events as the lines they print as ("ready :1.0", "announced SYN").
+class TestPartner : public tevrol::Partner {
+public:
+    explicit TestPartner(const std::string& channel = "demo",
+                         std::function<Bytes(const Bytes&)> answer = {});
+
+    std::vector<std::string> Events() const;
+    // How often the event has happened so far.
+    int Count(const std::string& event) const;
+    bool Saw(const std::string& event) const {
+        return Count(event) > 0;
+    }
+
+private:
+    struct Recorded {
+        mutable std::mutex mutex;
+        std::vector<std::string> lines;
+    };
+    TestPartner(const std::string& channel, std::function<Bytes(const Bytes&)> answer,
+                std::shared_ptr<Recorded> recorded);
+
+    std::shared_ptr<Recorded> m_recorded;
+};
+
+// A channel whose handlers record. What is recorded may be read from any thread.
+class TestChannel : public TevrolDbusRemote {
+public:
+    explicit TestChannel(const std::string& name = "demo") : TevrolDbusRemote(name) {}
+
+    std::vector<char> HandleMessage(std::vector<char>& data) override;
+    void HandleNotification(std::vector<char>& data) override;
+    void HandleConnectionReady(bool state, const std::string& partner) override;
+
+    std::vector<Bytes> Requests() const {
+        return Copy(m_requests);
+    }
+    std::vector<Bytes> Notifications() const {
+        return Copy(m_notifications);
+    }
+    // Each call of HandleConnectionReady: its arguments, in order.
+    using Readiness = std::vector<std::pair<bool, std::string>>;
+    Readiness ReadyCalls() const {
+        return Copy(m_ready_calls);
+    }
+
+    // What HandleMessage answers; the request itself where empty.
+    std::function<Bytes(const Bytes&)> answer;
+    // Called from HandleConnectionReady once its arguments are recorded; set before it can run.
+    std::function<void(bool, const std::string&)> on_ready;
+
+private:
+    template <typename Value>
+    Value Copy(const Value& value) const {
+        const std::lock_guard<std::mutex> lock(m_recorded_mutex);
+        return value;
+    }
+
+    mutable std::mutex m_recorded_mutex;  // guards the three below
+    std::vector<Bytes> m_requests;
+    std::vector<Bytes> m_notifications;
+    Readiness m_ready_calls;
+};
+
+// Standard output of this process, kept from construction on.
+class CapturedOutput {
+public:
+    CapturedOutput();
+    ~CapturedOutput();
+    CapturedOutput(const CapturedOutput&) = delete;
+    CapturedOutput& operator=(const CapturedOutput&) = delete;
+
+    std::string Text() const;
+
+private:
+    int m_saved;
+    int m_file;
+};
+
+class ChannelTest : public testing::Test {
+protected:
+    // The bus is up, and its end does not end the test process.
+    ChannelTest();
+    ~ChannelTest() override;
+
+    // Returns when everything that `partner` has sent so far has been dispatched here: it has
+    // passed the bus, arrived at this process, and the main context is idle.
+    static void Settle(TestPartner& partner);
+    // The same for what this process itself has sent to the bus and back.
+    static void Settle();
+
+    // Joins the bus, opens the handshake and waits until both ends are ready.
+    static void Connect(TestPartner& partner, TestChannel& channel);
+
+    // Waits for the outcome of a request that a partner made, while the loop runs.
+    static PartnerReply Await(std::future<PartnerReply> future);
+
+    // Whether the bus knows an owner of `name`.
+    static bool NameHasOwner(const std::string& name);
+
+    static std::string OwnName();  // this process's unique name
+
+    tevrol::PrivateBus bus;
+    static GDBusConnection* connection;  // the process's, also the channel's
+};

@@ -1,0 +1,30 @@
+// The GIO and thread calls that the channel makes, recorded and, on demand, failed. Works by
+// link-time wrapping (see tests/CMakeLists.txt), so it sees only what is linked into the test
+// program itself, not what GIO does inside.
+#pragma once
+
+#include <glib.h>
+
+#include <string>
+#include <vector>
+
+namespace gio_calls {
+
+// Each call as its function and what identifies it: "g_bus_unwatch_name 3",
+// "g_dbus_connection_call_sync RequestName org.ulmar.Tevrol.demo_CLIENT_SYN".
+std::vector<std::string> All();
+// Those whose text begins with `beginning`.
+std::vector<std::string> Of(const std::string& beginning);
+void Clear();
+
+enum class Failure { WithError, WithoutError };
+
+// The next `times` calls whose text begins with `beginning` return null (g_bus_get_sync,
+// g_dbus_proxy_new_sync, ..._call_sync), false (emit_signal), 0 (register_object) or EAGAIN
+// (pthread_create), with the error set to G_IO_ERROR_FAILED "failed on purpose" or not.
+void Fail(const std::string& beginning, int times = 1, Failure failure = Failure::WithError);
+
+// The next call of the bus driver's `method` answers `code` without reaching the bus.
+void AnswerCode(const std::string& method, guint32 code);
+
+}  // namespace gio_calls

@@ -1,0 +1,109 @@
+#include "tests/support/log.h"
+
+#include <glib.h>
+
+#include <cstdarg>
+#include <cstdio>
+#include <mutex>
+#include <regex>
+
+#include "platform/dlog.h"
+
+namespace {
+
+constexpr const char* kMalformed = "(malformed)";
+
+std::mutex g_mutex;  // guards the two below
+std::vector<LogLine> g_lines;
+std::vector<std::string> g_glib_reports;
+
+LogLine TakeApart(int log_id, int priority, const std::string& tag, const std::string& text) {
+    static const std::regex prefix(
+        R"(^tevrol-dbus-remote\.cpp: (\w+)\((\d+)\) > \[(\w+):(\d+)\] )");
+    std::smatch found;
+    if (log_id == LOG_ID_MAIN && tag == "sandrel" && std::regex_search(text, found, prefix) &&
+        found[1] == found[3] && found[2] == found[4]) {
+        return {priority, found[1], found.suffix()};
+    }
+    return {priority, kMalformed, tag + ": " + text};
+}
+
+GLogWriterOutput RecordGlibReport(GLogLevelFlags level, const GLogField* fields, gsize count,
+                                  gpointer /*data*/) {
+    gchar* text = g_log_writer_format_fields(level, fields, count, FALSE);
+    if ((level & (G_LOG_LEVEL_WARNING | G_LOG_LEVEL_CRITICAL | G_LOG_LEVEL_ERROR)) != 0) {
+        const std::lock_guard<std::mutex> lock(g_mutex);
+        g_glib_reports.emplace_back(text);
+    }
+    g_free(text);
+    return G_LOG_WRITER_HANDLED;
+}
+
+const bool g_recording = [] {
+    g_log_set_writer_func(RecordGlibReport, nullptr, nullptr);
+    return true;
+}();
+
+template <typename Condition>
+std::vector<LogLine> Filter(Condition condition) {
+    std::vector<LogLine> lines;
+    for (const LogLine& line : Log()) {
+        if (condition(line)) {
+            lines.push_back(line);
+        }
+    }
+    return lines;
+}
+
+}  // namespace
+
+// The program's own definition takes the place of the stand-in.
+// NOLINTNEXTLINE(bugprone-reserved-identifier)
+extern "C" int __dlog_print(int log_id, int priority, const char* tag, const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    char* text = nullptr;
+    const int length = vasprintf(&text, format, args);
+    va_end(args);
+    const LogLine line = TakeApart(log_id, priority, tag, text);
+    free(text);
+    const std::lock_guard<std::mutex> lock(g_mutex);
+    g_lines.push_back(line);
+    return length;
+}
+
+std::ostream& operator<<(std::ostream& out, const LogLine& line) {
+    return out << (line.priority == DLOG_ERROR ? "E " : "D ") << line.function << ": "
+               << line.message;
+}
+
+LogLine Debug(const std::string& function, const std::string& message) {
+    return {DLOG_DEBUG, function, message};
+}
+
+LogLine Error(const std::string& function, const std::string& message) {
+    return {DLOG_ERROR, function, message};
+}
+
+std::vector<LogLine> Log() {
+    const std::lock_guard<std::mutex> lock(g_mutex);
+    return g_lines;
+}
+
+std::vector<LogLine> LogOf(const std::string& function) {
+    return Filter([&](const LogLine& line) { return line.function == function; });
+}
+
+std::vector<LogLine> Errors() {
+    return Filter([](const LogLine& line) { return line.priority == DLOG_ERROR; });
+}
+
+void ClearLog() {
+    const std::lock_guard<std::mutex> lock(g_mutex);
+    g_lines.clear();
+}
+
+std::vector<std::string> TakeGlibReports() {
+    const std::lock_guard<std::mutex> lock(g_mutex);
+    return std::exchange(g_glib_reports, {});
+}

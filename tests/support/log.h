@@ -1,0 +1,34 @@
+// The device's log and GLib's, as the tests see them: recorded, line by line.
+#pragma once
+
+#include <ostream>
+#include <string>
+#include <vector>
+
+// One line of the device's log, taken apart. A line that does not carry the common prefix, the tag
+// or the buffer has the function "(malformed)" and its whole text as message.
+struct LogLine {
+    int priority;
+    std::string function;
+    std::string message;
+
+    bool operator==(const LogLine& other) const {
+        return priority == other.priority && function == other.function && message == other.message;
+    }
+};
+std::ostream& operator<<(std::ostream& out, const LogLine& line);
+
+LogLine Debug(const std::string& function, const std::string& message);
+LogLine Error(const std::string& function, const std::string& message);
+
+// All lines since the start or the last ClearLog(); from any thread.
+std::vector<LogLine> Log();
+// Those of one function of the channel.
+std::vector<LogLine> LogOf(const std::string& function);
+// Those of error priority.
+std::vector<LogLine> Errors();
+void ClearLog();
+
+// What GLib itself has reported (warnings and criticals) since the start or the last call; they are
+// kept off the terminal.
+std::vector<std::string> TakeGlibReports();
