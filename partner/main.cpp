@@ -138,9 +138,9 @@ error_t ParseOption(int key, char* argument, argp_state* state) {
             settings.announce = false;
             return 0;
         case kAnswer: {
-            const auto payload =
-                Required(state, "payload", argument, tevrol::ParsePayload(argument));
-            settings.functions.answer = [payload](const tevrol::Bytes&) { return payload; };
+            settings.functions.answer =
+                [payload = Required(state, "payload", argument, tevrol::ParsePayload(argument))](
+                    const tevrol::Bytes&) { return payload; };
             return 0;
         }
         case kFault:

@@ -18,6 +18,7 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <utility>
 
 #include "partner/payload.h"
 
@@ -133,14 +134,14 @@ public:
     // fulfilled; without an answer after sd-bus's timeout of 25 s.
     std::future<PartnerReply> Request(Body body);
     std::future<PartnerReply> Request(Bytes payload) {
-        return Request(PayloadBody(payload));
+        return Request(PayloadBody(std::move(payload)));
     }
     // Calls it on the object of the process `destination`, bound or not.
     std::future<PartnerReply> RequestOf(std::string destination, Body body);
     // Sends "SendSignal", or another member, to the bound client; false when none is.
     bool Notify(Body body, const std::string& member = "SendSignal");
     bool Notify(Bytes payload) {
-        return Notify(PayloadBody(payload));
+        return Notify(PayloadBody(std::move(payload)));
     }
     bool NotifyTo(std::string destination, Body body, const std::string& member = "SendSignal");
 

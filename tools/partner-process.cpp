@@ -49,14 +49,15 @@ std::vector<std::string> PartnerProcess::Lines() const {
     return m_lines;
 }
 
-std::string PartnerProcess::Find(const std::string& beginning, std::size_t from) const {
+std::optional<std::string> PartnerProcess::Find(const std::string& beginning,
+                                                std::size_t from) const {
     const std::lock_guard<std::mutex> lock(m_mutex);
     for (std::size_t i = from; i < m_lines.size(); ++i) {
         if (m_lines[i].compare(0, beginning.size(), beginning) == 0) {
             return m_lines[i].substr(beginning.size());
         }
     }
-    return {};
+    return std::nullopt;
 }
 
 }  // namespace tevrol

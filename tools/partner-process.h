@@ -2,6 +2,7 @@
 #pragma once
 
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -30,8 +31,8 @@ public:
     // What it has printed so far, line by line. From any thread.
     std::vector<std::string> Lines() const;
     // The rest of the first line that begins with `beginning`, from the line number `from` on;
-    // empty when there is none yet.
-    std::string Find(const std::string& beginning, std::size_t from = 0) const;
+    // nothing when there is none yet.
+    std::optional<std::string> Find(const std::string& beginning, std::size_t from = 0) const;
 
 private:
     void ReadLines();

@@ -49,7 +49,7 @@ std::string ReadAddress(GSubprocess* daemon) {
     const std::unique_ptr<GDataInputStream, GObjectUnref> output(
         g_data_input_stream_new(g_subprocess_get_stdout_pipe(daemon)));
     gchar* line = g_data_input_stream_read_line(output.get(), nullptr, nullptr, nullptr);
-    const std::string address = line == nullptr ? "" : line;
+    std::string address = line == nullptr ? "" : line;
     g_free(line);
     return address;
 }

@@ -10,6 +10,7 @@ namespace tevrol {
 Subprocess StartDyingWithParent(const std::vector<std::string>& arguments, GSubprocessFlags flags,
                                 const std::string& error_output) {
     std::vector<const gchar*> argv;
+    argv.reserve(arguments.size() + 1);
     for (const auto& argument : arguments) {
         argv.push_back(argument.c_str());
     }

@@ -94,20 +94,7 @@ void PrintBytes(const std::vector<char>& bytes) {
 
 // ---- Construction and teardown ----
 
-TevrolDbusRemote::TevrolDbusRemote(std::string name)
-    : m_name(std::move(name)),
-      m_introspection_data(nullptr),
-      m_owner_id(0),
-      m_reg_obj_id(0),
-      m_notification_watch_syn(0),
-      m_notification_watch_syn_ack(0),
-      m_notification_watch_ack(0),
-      m_proxy_watch(0),
-      m_proxy(nullptr),
-      m_signal_id(0),
-      m_handshake(CONNECTION_NOT_STARTED),
-      m_connection(nullptr),
-      m_timerThread(0) {
+TevrolDbusRemote::TevrolDbusRemote(std::string name) : m_name(std::move(name)) {
     __dlog_print(LOG_LINE(DLOG_DEBUG, __func__, "Constructor\n\n"));
     G_GNUC_BEGIN_IGNORE_DEPRECATIONS
     g_type_init();

@@ -213,24 +213,25 @@ private:
     // The partner's unique bus name, empty when none is bound. Written under m_mutex.
     std::string m_partner_dbus_name;
     // Constant after construction. An id is 0 and a pointer null when not held.
-    std::string m_object_name;            // object path of this end and of the partner's alike
-    GDBusNodeInfo* m_introspection_data;  // INTERFACE_XML parsed; one reference
-    guint m_owner_id;                     // a name ownership; never taken, always 0
-    guint m_reg_obj_id;                   // registration of the channel object; never released
-    guint m_notification_watch_syn;       // subscriptions to the partner's handshake names
-    guint m_notification_watch_syn_ack;
-    guint m_notification_watch_ack;
+    std::string m_object_name;  // object path of this end and of the partner's alike
+    GDBusNodeInfo* m_introspection_data = nullptr;  // INTERFACE_XML parsed; one reference
+    guint m_owner_id = 0;                           // a name ownership; never taken, always 0
+    guint m_reg_obj_id = 0;              // registration of the channel object; never released
+    guint m_notification_watch_syn = 0;  // subscriptions to the partner's handshake names
+    guint m_notification_watch_syn_ack = 0;
+    guint m_notification_watch_ack = 0;
     // The binding to the partner. Written on the loop thread under m_mutex; messaging reads it
     // without.
-    guint m_proxy_watch;  // watch on the partner's unique name
-    GDBusProxy* m_proxy;  // proxy of the partner's object; one reference
-    guint m_signal_id;    // subscription to the partner's signals
-    int m_handshake;      // a handshake state; also written by resend passes, under m_mutex
+    guint m_proxy_watch = 0;        // watch on the partner's unique name
+    GDBusProxy* m_proxy = nullptr;  // proxy of the partner's object; one reference
+    guint m_signal_id = 0;          // subscription to the partner's signals
+    // A handshake state. Written under m_mutex, by resend passes too; read without.
+    int m_handshake = CONNECTION_NOT_STARTED;
     // Constant after construction.
-    GDBusConnection* m_connection;  // the system bus connection; one reference
+    GDBusConnection* m_connection = nullptr;  // the system bus connection; one reference
     // Guards the state of the handshake, the binding and the two members below. Not recursive.
     PTMutex m_mutex;
-    pthread_t m_timerThread;  // the resend thread; 0 when none is recorded
+    pthread_t m_timerThread = 0;  // the resend thread; 0 when none is recorded
     // Announcements that failed: partner's unique name to the stage suffix owed to it.
     std::map<std::string, std::string> m_resendHandshake;
 };

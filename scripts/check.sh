@@ -1,0 +1,40 @@
+#!/bin/sh
+# What CI checks beyond the tests: formatting, clang-tidy, the other compiler, the shared build and
+# the sanitizers. Installs what is missing.
+set -eu
+cd "$(dirname "$0")/.."
+
+# shellcheck disable=SC2046 # words on purpose
+scripts/install-packages.sh $(cat scripts/build-packages.txt) libgmock-dev libgtest-dev \
+  clang clang-format clang-tidy git
+
+step() { printf '\n== %s\n' "$1"; }
+
+sources() { git ls-files -- '*.cpp' '*.h'; }
+
+step "clang-format"
+sources | xargs clang-format --dry-run --Werror
+
+step "the library's sources compile on their own, with GIO's flags alone"
+for compiler in g++ clang++; do
+  for source in src/ipc/tevrol-dbus-remote.cpp src/common/PTMutex.cpp; do
+    # shellcheck disable=SC2046 # words on purpose
+    $compiler -std=c++17 -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror -Isrc \
+      $(pkg-config --cflags gio-2.0) -fsyntax-only "$source"
+  done
+done
+
+step "clang++, and clang-tidy over its compile commands"
+cmake --preset clang -DCMAKE_COMPILE_WARNING_AS_ERROR=ON
+cmake --build --preset clang
+git ls-files -- '*.cpp' | xargs -P 2 -n 2 clang-tidy --quiet -p build/clang
+
+step "release: shared and optimised"
+cmake --preset release -DCMAKE_COMPILE_WARNING_AS_ERROR=ON
+cmake --build --preset release
+ctest --preset release
+
+step "AddressSanitizer, LeakSanitizer, UndefinedBehaviorSanitizer"
+cmake --preset asan
+cmake --build --preset asan
+ctest --preset asan
