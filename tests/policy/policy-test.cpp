@@ -188,12 +188,6 @@ Permitted AllThatMembersNeed() {
 
 class Policy : private Machine, private TemporaryFile, public ChannelTest {
 protected:
-    static void SetUpTestSuite() {
-        if (geteuid() != 0 || !EnterOwnMountNamespace()) {
-            GTEST_SKIP() << "needs root and a mount namespace, to act as several users";
-        }
-    }
-
     explicit Policy(const std::string& policy = ShippedPolicy())
         : TemporaryFile(policy), ChannelTest(Include(TEVROL_STOCK_POLICY) + Include(Path()), [] {
               const ConnectingAs user(kApplication);
@@ -422,3 +416,13 @@ TEST_F(Policy, RefusesThePartnerProgramToAStranger) {
 }
 
 }  // namespace
+
+int main(int argc, char** argv) {
+    testing::InitGoogleMock(&argc, argv);
+    constexpr int kSkipped = 77;
+    if (!testing::GTEST_FLAG(list_tests) && (geteuid() != 0 || !EnterOwnMountNamespace())) {
+        puts("skipped: needs root and a mount namespace, to act as several users");
+        return kSkipped;
+    }
+    return RUN_ALL_TESTS();
+}
