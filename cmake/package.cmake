@@ -21,26 +21,27 @@ set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 
 set(this_version "= ${PROJECT_VERSION}")
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME tevrol-dbus-remote)
-set(CPACK_DEBIAN_RUNTIME_DESCRIPTION
-    "${PROJECT_DESCRIPTION}: bus policy, group and shared library")
+set(CPACK_DEBIAN_RUNTIME_DESCRIPTION "Bus policy, group and, where built so, the shared library.")
 # groupadd, for the maintainer script.
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS passwd)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_RECOMMENDS default-dbus-system-bus)
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/packaging/debian/postinst)
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA
+    ${PROJECT_SOURCE_DIR}/packaging/debian/postinst
+    ${PROJECT_SOURCE_DIR}/packaging/debian/triggers)
 
 set(CPACK_DEBIAN_DEV_PACKAGE_NAME tevrol-dbus-remote-dev)
-set(CPACK_DEBIAN_DEV_DESCRIPTION "${PROJECT_DESCRIPTION}: headers and library for development")
+set(CPACK_DEBIAN_DEV_DESCRIPTION "Headers and library for development.")
 set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS
     "tevrol-dbus-remote (${this_version}), libglib2.0-dev, pkg-config")
 
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME tevrol-dbus-remote-tools)
-set(CPACK_DEBIAN_TOOLS_DESCRIPTION "${PROJECT_DESCRIPTION}: programs for development")
+set(CPACK_DEBIAN_TOOLS_DESCRIPTION "Programs for development.")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION devel)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "tevrol-dbus-remote (${this_version}), dbus-daemon")
 
 set(CPACK_DEBIAN_DOC_PACKAGE_NAME tevrol-dbus-remote-doc)
-set(CPACK_DEBIAN_DOC_DESCRIPTION "${PROJECT_DESCRIPTION}: documentation and example")
+set(CPACK_DEBIAN_DOC_DESCRIPTION "Documentation and example.")
 set(CPACK_DEBIAN_DOC_PACKAGE_SECTION doc)
 set(CPACK_DEBIAN_DOC_PACKAGE_ARCHITECTURE all)
 

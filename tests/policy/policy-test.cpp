@@ -228,6 +228,19 @@ protected:
         permitted.strangers_signals = Arrives(stranger);
     }
 
+    // Whether the bus refuses this process, a member, a call.
+    static bool IsDenied(const std::string& destination, const char* path, const char* interface,
+                         const char* method, GVariant* parameters) {
+        GError* error = nullptr;
+        GVariant* reply = g_dbus_connection_call_sync(connection, destination.c_str(), path,
+                                                      interface, method, parameters, nullptr,
+                                                      G_DBUS_CALL_FLAGS_NONE, -1, nullptr, &error);
+        const bool denied = g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_ACCESS_DENIED) != 0;
+        g_clear_pointer(&reply, g_variant_unref);
+        g_clear_error(&error);
+        return denied;
+    }
+
     // Constructed once and never destroyed: a second partner may come to it.
     static TestChannel& KeptChannel() {
         static auto& channel = *new TestChannel;
@@ -310,28 +323,20 @@ TEST_F(Policy, LetsMembersCallNothingButSend) {
     TestPartner service;
     JoinAs(kService, service);
     Connect(service, channel);
-    GError* error = nullptr;
-    GVariant* reply = g_dbus_connection_call_sync(
-        connection, service.UniqueName().c_str(), "/org/ulmar/tevrol/CommunicationChannel/demo",
-        "org.freedesktop.DBus.Introspectable", "Introspect", nullptr, nullptr,
-        G_DBUS_CALL_FLAGS_NONE, -1, nullptr, &error);
-    EXPECT_EQ(reply, nullptr);
-    EXPECT_TRUE(g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_ACCESS_DENIED));
-    g_clear_error(&error);
+    EXPECT_TRUE(IsDenied(service.UniqueName(), "/org/ulmar/tevrol/CommunicationChannel/demo",
+                         "org.freedesktop.DBus.Introspectable", "Introspect", nullptr));
 }
 
 TEST_F(Policy, LetsMembersOwnNoNameBesideTheChannels) {
-    GError* error = nullptr;
-    GVariant* reply = g_dbus_connection_call_sync(
-        connection, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
-        "RequestName", g_variant_new("(su)", "org.ulmar.Tevrolx", 4U), nullptr,
-        G_DBUS_CALL_FLAGS_NONE, -1, nullptr, &error);
-    EXPECT_EQ(reply, nullptr);
-    EXPECT_TRUE(g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_ACCESS_DENIED));
-    g_clear_error(&error);
+    EXPECT_TRUE(IsDenied("org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+                         "RequestName", g_variant_new("(su)", "org.ulmar.Tevrolx", 4U)));
 }
 
 // ---- What each rule is for ----
+
+auto HasLineWith(const std::string& part) {
+    return testing::Contains(testing::Field(&LogLine::message, HasSubstr(part)));
+}
 
 class PolicyWithoutTheNames : public Policy {
 protected:
@@ -340,8 +345,13 @@ protected:
 
 TEST_F(PolicyWithoutTheNames, MakesNoHandshake) {
     EXPECT_EQ(Try(), Permitted());
-    EXPECT_THAT(Errors(), testing::Contains(testing::Field(
-                              &LogLine::message, HasSubstr("org.ulmar.Tevrol.demo_CLIENT_SYN"))));
+    EXPECT_THAT(Errors(), HasLineWith("is not allowed to own the service "
+                                      "\"org.ulmar.Tevrol.demo_CLIENT_SYN\""));
+
+    // But a member that knows the other's unique name still reaches it.
+    TestPartner service;
+    JoinAs(kService, service);
+    EXPECT_TRUE(Await(service.RequestOf(OwnName(), tevrol::PayloadBody(ToBytes("open")))).ok);
 }
 
 class PolicyWithoutTheCalls : public Policy {
@@ -353,6 +363,7 @@ TEST_F(PolicyWithoutTheCalls, LosesRequestsAlone) {
     Permitted expected = AllThatMembersNeed();
     expected.requests = false;
     EXPECT_EQ(Try(), expected);
+    EXPECT_THAT(Errors(), HasLineWith("AccessDenied: Rejected send message"));
 }
 
 class PolicyWithoutTheSignals : public Policy {
@@ -364,6 +375,7 @@ TEST_F(PolicyWithoutTheSignals, LosesNotificationsAlone) {
     Permitted expected = AllThatMembersNeed();
     expected.notifications = false;
     EXPECT_EQ(Try(), expected);
+    EXPECT_THAT(Errors(), IsEmpty());  // the bus drops them without a word to the sender
 }
 
 class PolicyWithoutTheRefusal : public Policy {
