@@ -25,7 +25,7 @@ for kind in shared static; do
     ./run-pair.sh "$application"
   done
 
-  apt-get purge -y tevrol-dbus-remote >output 2>&1 || { cat output >&2; fail "purge"; }
+  apt-get purge -y "tevrol-dbus-remote*" >output 2>&1 || { cat output >&2; fail "purge"; }
   if find / -xdev \( -path /proc -o -path /project -o -path /var \) -prune -o \
     -name '*tevrol*' -print | grep .; then
     fail "left behind"

@@ -90,12 +90,11 @@ private:
     }
 
     static std::string UserEntries() {
-        std::string entries;
+        std::ostringstream entries;
         for (const User& user : {kApplication, kService, kServiceByPrimaryGroup, kStranger}) {
-            const std::string id = std::to_string(user.uid);
-            entries += "user-" + id + ":x:" + id + ":" + std::to_string(user.group) + "::/:\n";
+            entries << "user-" << user.uid << ":x:" << user.uid << ":" << user.group << "::/:\n";
         }
-        return entries;
+        return entries.str();
     }
 
     static void Replace(const char* path, const std::string& replacement) {

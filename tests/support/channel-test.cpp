@@ -33,7 +33,7 @@ TestPartner::TestPartner(const std::string& channel, std::function<Bytes(const B
     : TestPartner(channel, std::move(answer), std::make_shared<Recorded>()) {}
 
 TestPartner::TestPartner(const std::string& channel, std::function<Bytes(const Bytes&)> answer,
-                         std::shared_ptr<Recorded> recorded)
+                         const std::shared_ptr<Recorded>& recorded)
     : Partner(channel, {std::move(answer),
                         [recorded](const tevrol::PartnerEvent& event) {
                             const std::lock_guard<std::mutex> lock(recorded->mutex);

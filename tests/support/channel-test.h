@@ -53,7 +53,7 @@ private:
         std::vector<std::string> lines;
     };
     TestPartner(const std::string& channel, std::function<Bytes(const Bytes&)> answer,
-                std::shared_ptr<Recorded> recorded);
+                const std::shared_ptr<Recorded>& recorded);
 
     std::shared_ptr<Recorded> m_recorded;
 };
