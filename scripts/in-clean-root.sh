@@ -26,4 +26,4 @@ mount -t proc proc "$root/proc"
 mount --bind /dev "$root/dev"
 cp -r "$folder" "$root/project"
 
-chroot "$root" /bin/sh -c "cd /project && $command"
+chroot "$root" /bin/bash -c "cd /project && $command"
