@@ -16,6 +16,8 @@ public:
     // Starts `program` (the path of tevrol-partner) for `channel`. Throws std::runtime_error.
     PartnerProcess(const std::string& program, const std::string& channel,
                    const std::vector<std::string>& options = {});
+    // Starts it by way of another program, or any program that talks in lines.
+    explicit PartnerProcess(const std::vector<std::string>& arguments);
     // Kills it if it still runs.
     ~PartnerProcess();
     PartnerProcess(const PartnerProcess&) = delete;

@@ -11,20 +11,15 @@ namespace {
 constexpr const char* kAddressVariable = "DBUS_SYSTEM_BUS_ADDRESS";
 
 // No limits are named: the daemon's built-in ones are the stock system bus's.
-std::string Configuration(const std::string& folder) {
+std::string Configuration(const std::string& folder, const std::string& policy) {
     return "<!DOCTYPE busconfig PUBLIC '-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN'\n"
            " 'http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd'>\n"
            "<busconfig>\n"
            "  <listen>unix:path=" +
            folder +
            "/socket</listen>\n"
-           "  <auth>EXTERNAL</auth>\n"
-           "  <policy context='default'>\n"
-           "    <allow own='*'/>\n"
-           "    <allow send_destination='*' eavesdrop='true'/>\n"
-           "    <allow receive_sender='*' eavesdrop='true'/>\n"
-           "  </policy>\n"
-           "</busconfig>\n";
+           "  <auth>EXTERNAL</auth>\n" +
+           policy + "</busconfig>\n";
 }
 
 std::string MakeFolder() {
@@ -37,6 +32,8 @@ std::string MakeFolder() {
     }
     std::string folder = made;
     g_free(made);
+    // Made for its owner alone; but who may use the socket in it is for the daemon to say.
+    std::filesystem::permissions(folder, std::filesystem::perms(0711));
     return folder;
 }
 
@@ -56,12 +53,19 @@ std::string ReadAddress(GSubprocess* daemon) {
 
 }  // namespace
 
-PrivateBus::PrivateBus() : m_folder(MakeFolder()) {
+const char* const PrivateBus::kOpenPolicy =
+    "  <policy context='default'>\n"
+    "    <allow own='*'/>\n"
+    "    <allow send_destination='*' eavesdrop='true'/>\n"
+    "    <allow receive_sender='*' eavesdrop='true'/>\n"
+    "  </policy>\n";
+
+PrivateBus::PrivateBus(const std::string& policy) : m_folder(MakeFolder()) {
     const std::string configuration = m_folder + "/bus.conf";
     // The daemon's complaints matter only if it fails: started by root in a container, it always
     // finds that it may not raise its limit of file descriptors.
     const std::string complaints = m_folder + "/errors";
-    std::ofstream(configuration) << Configuration(m_folder);
+    std::ofstream(configuration) << Configuration(m_folder, policy);
     try {
         m_daemon = StartDyingWithParent({"dbus-daemon", "--config-file=" + configuration,
                                          "--nofork", "--nopidfile", "--print-address=1"},

@@ -9,14 +9,18 @@
 
 namespace tevrol {
 
-// Starts a dbus-daemon with the limits of a stock system bus and a policy that allows its own user
-// and root everything, and names it in DBUS_SYSTEM_BUS_ADDRESS, for this process and its
-// children. It is ready when the constructor returns: the daemon has printed its address. It ends
-// with the object, or with the thread that constructed it.
+// Starts a dbus-daemon with the limits of a stock system bus, and names it in
+// DBUS_SYSTEM_BUS_ADDRESS, for this process and its children. It is ready when the constructor
+// returns: the daemon has printed its address. It ends with the object, or with the thread that
+// constructed it.
 class PrivateBus {
 public:
-    // Throws std::runtime_error when the daemon cannot be started.
-    PrivateBus();
+    // Allows the user who starts it, and root, everything.
+    static const char* const kOpenPolicy;
+
+    // `policy` is what the daemon's configuration says of who may do what. Throws
+    // std::runtime_error when the daemon cannot be started.
+    explicit PrivateBus(const std::string& policy = kOpenPolicy);
     ~PrivateBus();
     PrivateBus(const PrivateBus&) = delete;
     PrivateBus& operator=(const PrivateBus&) = delete;

@@ -43,7 +43,8 @@
 
 #include "common/PTMutex.h"
 
-class TevrolDbusRemote {
+// The one class that the shared library exports.
+class __attribute__((visibility("default"))) TevrolDbusRemote {
 public:
     // Brings up one end of the channel `name`: connects to the system bus (g_bus_get_sync, the
     // connection that the whole process shares), exports the channel object, subscribes to the
