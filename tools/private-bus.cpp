@@ -1,5 +1,6 @@
 #include "tools/private-bus.h"
 
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -86,13 +87,25 @@ PrivateBus::~PrivateBus() {
 }
 
 pid_t PrivateBus::Pid() const {
-    const gchar* pid = g_subprocess_get_identifier(m_daemon.get());
-    return pid == nullptr ? 0 : static_cast<pid_t>(std::atoi(pid));
+    return PidOf(m_daemon.get());
 }
 
 void PrivateBus::Kill() {
     g_subprocess_force_exit(m_daemon.get());
     g_subprocess_wait(m_daemon.get(), nullptr, nullptr);
+}
+
+void PrivateBus::Signal(int signal) {
+    g_subprocess_send_signal(m_daemon.get(), signal);
+}
+
+void PrivateBus::Stop() {
+    Signal(SIGSTOP);
+    AwaitStop(m_daemon.get());
+}
+
+bool PrivateBus::IsStopped() const {
+    return tevrol::IsStopped(m_daemon.get());
 }
 
 }  // namespace tevrol

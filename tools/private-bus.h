@@ -25,9 +25,17 @@ public:
         return m_address;
     }
     pid_t Pid() const;
+    // The temporary folder that ends with the object, and all that is in it.
+    const std::string& Folder() const {
+        return m_folder;
+    }
 
     // Ends the daemon now, as if it had crashed, and waits until it is gone.
     void Kill();
+    void Signal(int signal);
+    // SIGSTOP, and waits until it has stopped; Signal(SIGCONT) lets it go on.
+    void Stop();
+    bool IsStopped() const;
 
 private:
     std::string m_folder;  // holds the configuration and the socket
