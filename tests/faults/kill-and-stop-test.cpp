@@ -16,6 +16,7 @@
 
 namespace {
 
+using testing::AnyOf;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using tevrol::PartnerProcess;
@@ -25,7 +26,15 @@ struct Sequence {
     bool partner_is_first;  // the partner is there when this end is constructed
     const char* refused;    // the stage of this end's that its first attempt fails to announce
     std::size_t calls;      // that this end makes
+
+    std::string Name() const {
+        return std::string(1, letter) + (refused == nullptr ? "" : "_resend");
+    }
 };
+
+std::ostream& operator<<(std::ostream& out, const Sequence& sequence) {
+    return out << sequence.Name();
+}
 
 // A: this end opens and completes by its ACK. B: the partner opens, this end answers by SYN_ACK.
 constexpr Sequence kA{'A', true, nullptr, 12};
@@ -50,7 +59,7 @@ struct Step {
 };
 
 std::string Step::Name() const {
-    const std::string in = std::string(1, sequence.letter) + (sequence.refused ? "_resend" : "");
+    const std::string in = sequence.Name();
     switch (where) {
         case Where::BeforeCall:
             return in + "_call_" + std::to_string(call);
@@ -141,9 +150,9 @@ class KillAndStop : public ChannelTest {
 protected:
     std::unique_ptr<PartnerProcess> StartPartner(std::vector<std::string> options = {}) {
         options.emplace_back("--wait");
-        auto partner = std::make_unique<PartnerProcess>(TEVROL_PARTNER_PROGRAM, "demo", options);
-        EXPECT_TRUE(IterateUntil([&] { return partner->Find("joined ").has_value(); }));
-        return partner;
+        auto started = std::make_unique<PartnerProcess>(TEVROL_PARTNER_PROGRAM, "demo", options);
+        EXPECT_TRUE(IterateUntil([&] { return started->Find("joined ").has_value(); }));
+        return started;
     }
 
     static void Open(PartnerProcess& partner) {
@@ -272,10 +281,17 @@ protected:
     void ExpectLifeWithoutABus() {
         ASSERT_TRUE(IterateUntil([&] { return g_dbus_connection_is_closed(connection) != FALSE; }));
         Settle();
-        for (const auto& [state, name] : channel->ReadyCalls()) {
-            EXPECT_TRUE(state) << "reported lost: " << name;
-        }
         const bool ready = channel->IsConnectionReady();
+        // No loss of a partner that was ready. One that was just being bound may be reported lost:
+        // the watch has then asked the bus about it and gets no answer.
+        const std::string partner_name = *partner->Find("joined ");
+        const TestChannel::Readiness was_ready = {{true, partner_name}};
+        const TestChannel::Readiness was_lost = {{false, partner_name}};
+        if (ready) {
+            EXPECT_EQ(channel->ReadyCalls(), was_ready);
+        } else {
+            EXPECT_THAT(channel->ReadyCalls(), AnyOf(IsEmpty(), was_lost));
+        }
         ClearLog();
         const CapturedOutput output;
         Bytes data = ToBytes("nobody hears");
@@ -293,7 +309,9 @@ protected:
             EXPECT_THAT(errors, ElementsAre(Error("SendNotification", "Connection not set.\n\n")));
             EXPECT_EQ(output.Text(), "Connection not set.\n");
         }
-        channel.reset();  // in this state, too
+        // Destroyed in this state, too; but not during a resend pass, see docs/limits.md.
+        { const PTAutoLock between_passes(channel->m_mutex); }
+        channel.reset();
     }
 
     // A resend that goes on without a bus logs errors of its own.
@@ -362,12 +380,12 @@ TEST_P(KillAndStopAt, ABusThatIsKilledEndsAnApplicationThatKeepsExitOnCloseOnceI
     const auto lose_the_bus = [this] {
         g_dbus_connection_set_exit_on_close(connection, TRUE);
         StrikeAt(GetParam(), [this] {
+            std::cerr << "struck" << std::endl;
             bus.Kill();
-            std::cerr << "alive without a bus" << std::endl;
         });
         IterateUntil([] { return false; });
     };
-    EXPECT_EXIT(lose_the_bus(), testing::KilledBySignal(SIGTERM), "alive without a bus");
+    EXPECT_EXIT(lose_the_bus(), testing::KilledBySignal(SIGTERM), "struck");
 }
 
 INSTANTIATE_TEST_SUITE_P(Step, KillAndStopAt, testing::ValuesIn(AllSteps()),
@@ -376,13 +394,14 @@ INSTANTIATE_TEST_SUITE_P(Step, KillAndStopAt, testing::ValuesIn(AllSteps()),
 class CallsOf : public KillAndStop, public testing::WithParamInterface<Sequence> {};
 
 // So that a call that the channel makes in addition becomes a step, too.
-TEST_P(CallsOf, AHandshakeAreAllSteps) {
+TEST_P(CallsOf, AHandshakeAreAllItsSteps) {
     Begin(GetParam());
     ASSERT_TRUE(IterateUntil([&] { return BothAreReady() && !ResendIsRunning(); }));
     EXPECT_EQ(gio_calls::All().size() - 1, GetParam().calls);  // but for the fixture's connection
 }
 
-INSTANTIATE_TEST_SUITE_P(Sequence, CallsOf, testing::Values(kA, kB, kResendA, kResendB));
+INSTANTIATE_TEST_SUITE_P(Sequence, CallsOf, testing::Values(kA, kB, kResendA, kResendB),
+                         [](const auto& sequence) { return sequence.param.Name(); });
 
 TEST_F(KillAndStop, PrintsHowManyCellsThereAre) {
     const auto& tests = *testing::UnitTest::GetInstance();
@@ -393,6 +412,25 @@ TEST_F(KillAndStop, PrintsHowManyCellsThereAre) {
             EXPECT_EQ(suite.total_test_count(), static_cast<int>(5 * AllSteps().size()));
         }
     }
+}
+
+TEST_F(KillAndStop, TheEndOfTheBusEndsTheProcessOnlyWhenItsLoopRuns) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    setenv("TMPDIR", bus.Folder().c_str(), 1);
+    const auto lose_the_bus = [this] {
+        Begin(kB);
+        ASSERT_TRUE(IterateUntil([&] { return BothAreReady(); }));
+        g_dbus_connection_set_exit_on_close(connection, TRUE);
+        bus.Kill();
+        while (g_dbus_connection_is_closed(connection) == FALSE) {
+            std::this_thread::yield();
+        }
+        Bytes request = ToBytes("hello");
+        EXPECT_THAT(channel->SendMessage(request), IsEmpty());
+        std::cerr << "alive without a bus" << std::endl;
+        IterateUntil([] { return false; });
+    };
+    EXPECT_EXIT(lose_the_bus(), testing::KilledBySignal(SIGTERM), "alive without a bus");
 }
 
 TEST_F(KillAndStop, AStoppedPartnerMakesARequestWaitForTheTimeoutAndIsUsableAfterwards) {
