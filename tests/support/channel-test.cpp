@@ -126,7 +126,7 @@ std::string CapturedOutput::Text() const {
 
 // ---- ChannelTest ----
 
-ChannelTest::ChannelTest() {
+ChannelTest::ChannelTest(const std::string& bus_limits) : bus(bus_limits) {
     connection = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
     g_dbus_connection_set_exit_on_close(connection, FALSE);
 }

@@ -135,8 +135,9 @@ private:
 
 class ChannelTest : public testing::Test {
 protected:
-    // The bus is up, and its end does not end the test process.
-    ChannelTest();
+    // The bus is up, with the limits of a stock one unless `bus_limits` names others, and its end
+    // does not end the test process.
+    explicit ChannelTest(const std::string& bus_limits = "");
     ~ChannelTest() override;
 
     // Returns when everything that `partner` has sent so far has been dispatched here: it has
