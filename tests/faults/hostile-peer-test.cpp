@@ -197,8 +197,11 @@ protected:
         peer.Pulse(name);
         Settle();
     }
+    // Of the channel; the stranger's calls are recorded, too.
     static std::size_t Announcements() {
-        return gio_calls::Of("g_dbus_connection_call_sync RequestName").size();
+        return gio_calls::Of(
+                   "g_dbus_connection_call_sync RequestName org.ulmar.Tevrol.demo_CLIENT_")
+            .size();
     }
 };
 

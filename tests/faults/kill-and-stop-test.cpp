@@ -4,6 +4,8 @@
 //
 // The partner is a process. A step of this end is the moment before one of its calls; a step of the
 // partner is where its option --stop holds it. So nothing depends on timing.
+#include <unistd.h>
+
 #include <algorithm>
 #include <atomic>
 #include <csignal>
@@ -431,6 +433,26 @@ TEST_F(KillAndStop, TheEndOfTheBusEndsTheProcessOnlyWhenItsLoopRuns) {
         IterateUntil([] { return false; });
     };
     EXPECT_EXIT(lose_the_bus(), testing::KilledBySignal(SIGTERM), "alive without a bus");
+}
+
+TEST_F(KillAndStop, ARequestWithoutAFreeDescriptorEndsTheProcessAndANotificationDoesNot) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    setenv("TMPDIR", bus.Folder().c_str(), 1);
+    const auto run_out_of_descriptors = [this] {
+        Begin(kB);
+        ASSERT_TRUE(IterateUntil([&] { return BothAreReady(); }));
+        while (dup(STDERR_FILENO) >= 0) {
+        }
+        Bytes data = ToBytes("hello");
+        channel->SendNotification(data);
+        EXPECT_THAT(Errors(), IsEmpty());
+        const std::string notified = "notification from " + OwnName() + ": 5 bytes";
+        ASSERT_TRUE(IterateUntil([&] { return partner->Find(notified).has_value(); }));
+        std::cerr << "notified" << std::endl;
+        channel->SendMessage(data);
+    };
+    // GLib's g_error(): it cannot make the context in which a synchronous call waits.
+    EXPECT_EXIT(run_out_of_descriptors(), testing::KilledBySignal(SIGTRAP), "notified");
 }
 
 TEST_F(KillAndStop, AStoppedPartnerMakesARequestWaitForTheTimeoutAndIsUsableAfterwards) {

@@ -278,26 +278,19 @@ protected:
         EXPECT_TRUE(Carry(route, payload) == payload);
     }
 };
-class StockLimitIn : public StockLimit, public testing::WithParamInterface<Route> {};
-
-TEST_P(StockLimitIn, LetsThroughOneByteBelow) {
-    ExpectArrival(GetParam(), 1);
+TEST_F(StockLimit, LetsInOneByteBelow) {
+    ExpectArrival(Route::NotificationIn, 1);
 }
 
-TEST_P(StockLimitIn, LetsThroughExactlyThatMuch) {
-    ExpectArrival(GetParam(), 0);
+TEST_F(StockLimit, LetsInExactlyThatMuch) {
+    ExpectArrival(Route::NotificationIn, 0);
 }
 
-TEST_P(StockLimitIn, CutsOffThePartnerForOneByteMore) {
+TEST_F(StockLimit, CutsOffThePartnerForOneByteMore) {
     Connect();
-    EXPECT_EQ(Carry(GetParam(), Pattern(Largest(GetParam(), kStockLimit) + 1)), std::nullopt);
+    const Bytes payload = Pattern(Largest(Route::NotificationIn, kStockLimit) + 1);
+    EXPECT_EQ(Carry(Route::NotificationIn, payload), std::nullopt);
     EXPECT_TRUE(IterateUntil([&] { return !channel.IsConnectionReady(); }));
-}
-
-INSTANTIATE_TEST_SUITE_P(Route, StockLimitIn, kRoutesIn, kRouteName);
-
-TEST_F(StockLimit, LetsOutOneByteBelow) {
-    ExpectArrival(Route::RequestOut, 1);
 }
 
 TEST_F(StockLimit, LetsOutExactlyThatMuch) {
