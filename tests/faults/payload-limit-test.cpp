@@ -2,8 +2,11 @@
 // refuses them.
 //
 // A stock bus refuses messages over 32 MiB. The conversion of such a payload into a message takes
-// this end half a minute and 5 GB, so the limit is met on every route on a bus with a lower one,
-// and on a stock bus where it costs less or must be seen once ("Stock").
+// this end long and gigabytes of memory, so the limit is met on every route on a bus with a lower
+// one, and on a stock bus where it costs less or must be seen once ("Stock").
+#include <sys/resource.h>
+
+#include <iostream>
 #include <optional>
 
 #include "tests/support/channel-test.h"
@@ -276,6 +279,9 @@ protected:
         const Bytes payload = Pattern(Largest(route, kStockLimit) - below_limit);
         std::cout << NameOf(route) << ": " << payload.size() << " bytes\n";
         EXPECT_TRUE(Carry(route, payload) == payload);
+        rusage usage{};
+        getrusage(RUSAGE_SELF, &usage);
+        std::cout << "peak memory of both ends: " << usage.ru_maxrss / 1024 << " MiB\n";
     }
 };
 TEST_F(StockLimit, LetsInOneByteBelow) {
