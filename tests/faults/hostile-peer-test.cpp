@@ -411,7 +411,8 @@ TEST_F(HostilePeer, AFloodToAPartnerThatDoesNotReadHoldsUpTheSenderAtTheLimitOfT
     partner.Signal(SIGCONT);
     const std::string notification = "notification from " + OwnName() + ": ";
     ASSERT_TRUE(IterateUntil(
-        [&] { return partner.Find(notification + "12 bytes \"the last one\"").has_value(); }));
+        [&] { return partner.Find(notification + "12 bytes \"the last one\"").has_value(); },
+        std::chrono::minutes(1)));
     const auto lines = partner.Lines();
     EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
                             [&](const std::string& line) {

@@ -4,7 +4,7 @@
 //
 // The partner is a process. A step of this end is the moment before one of its calls; a step of the
 // partner is where its option --stop holds it. So nothing depends on timing.
-#include <unistd.h>
+#include <sys/resource.h>
 
 #include <algorithm>
 #include <atomic>
@@ -441,14 +441,18 @@ TEST_F(KillAndStop, ARequestWithoutAFreeDescriptorEndsTheProcessAndANotification
     const auto run_out_of_descriptors = [this] {
         Begin(kB);
         ASSERT_TRUE(IterateUntil([&] { return BothAreReady(); }));
-        while (dup(STDERR_FILENO) >= 0) {
-        }
+        rlimit descriptors{};
+        getrlimit(RLIMIT_NOFILE, &descriptors);
+        const rlimit none = {0, descriptors.rlim_max};
+        setrlimit(RLIMIT_NOFILE, &none);
         Bytes data = ToBytes("hello");
         channel->SendNotification(data);
+        setrlimit(RLIMIT_NOFILE, &descriptors);
         EXPECT_THAT(Errors(), IsEmpty());
         const std::string notified = "notification from " + OwnName() + ": 5 bytes";
         ASSERT_TRUE(IterateUntil([&] { return partner->Find(notified).has_value(); }));
         std::cerr << "notified" << std::endl;
+        setrlimit(RLIMIT_NOFILE, &none);
         channel->SendMessage(data);
     };
     // GLib's g_error(): it cannot make the context in which a synchronous call waits.
