@@ -44,15 +44,17 @@ enum Option {
     kFault = 'f',
     kLateness = 256,
     kLeave = 'l',
+    kStop = 's',
     kHold = 'h'
 };
 
-constexpr std::array<argp_option, 7> kOptions = {{
+constexpr std::array<argp_option, 8> kOptions = {{
     {"wait", kWait, nullptr, 0, "Announce nothing; wait for the other end's SYN", 0},
     {"answer", kAnswer, "PAYLOAD", 0, "Answer every request with PAYLOAD instead of an echo", 0},
     {"fault", kFault, "FAULT", 0, "Answer requests: never, late, error or wrong-type", 0},
     {"lateness", kLateness, "MS", 0, "Delay of --fault=late in milliseconds (1000)", 0},
     {"leave", kLeave, "MOMENT", 0, "Drop the bus connection at that moment, once", 0},
+    {"stop", kStop, "MOMENT", 0, "Stop the process (SIGSTOP) at that moment, once", 0},
     {"hold", kHold, "STAGE", 0, "Own the other end's name of that stage from the start", 0},
     {nullptr, 0, nullptr, 0, nullptr, 0},
 }};
@@ -151,6 +153,9 @@ error_t ParseOption(int key, char* argument, argp_state* state) {
             return 0;
         case kLeave:
             settings.faults.leave_at = Required(state, "moment", argument, MomentNamed(argument));
+            return 0;
+        case kStop:
+            settings.faults.stop_at = Required(state, "moment", argument, MomentNamed(argument));
             return 0;
         case kHold:
             settings.held = Required(state, "stage", argument, StageNamed(argument));

@@ -45,6 +45,15 @@ void PartnerProcess::Kill() {
     g_subprocess_wait(m_process.get(), nullptr, nullptr);
 }
 
+void PartnerProcess::Stop() {
+    Signal(SIGSTOP);
+    AwaitStop(m_process.get());
+}
+
+bool PartnerProcess::IsStopped() const {
+    return tevrol::IsStopped(m_process.get());
+}
+
 void PartnerProcess::ReadLines() {
     const std::unique_ptr<GDataInputStream, GObjectUnref> output(
         g_data_input_stream_new(g_subprocess_get_stdout_pipe(m_process.get())));

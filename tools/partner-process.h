@@ -29,6 +29,10 @@ public:
     void Signal(int signal);
     // SIGKILL, and waits until it is gone.
     void Kill();
+    // SIGSTOP, and waits until it has stopped; Signal(SIGCONT) lets it go on.
+    void Stop();
+    // Whether it is stopped, by that or by its own option --stop.
+    bool IsStopped() const;
 
     // What it has printed so far, line by line. From any thread.
     std::vector<std::string> Lines() const;

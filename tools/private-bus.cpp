@@ -1,5 +1,6 @@
 #include "tools/private-bus.h"
 
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -10,8 +11,9 @@ namespace {
 
 constexpr const char* kAddressVariable = "DBUS_SYSTEM_BUS_ADDRESS";
 
-// No limits are named: the daemon's built-in ones are the stock system bus's.
-std::string Configuration(const std::string& folder, const std::string& policy) {
+// Where `limits` names none, the daemon's built-in ones apply: the stock system bus's.
+std::string Configuration(const std::string& folder, const std::string& limits,
+                          const std::string& policy) {
     return "<!DOCTYPE busconfig PUBLIC '-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN'\n"
            " 'http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd'>\n"
            "<busconfig>\n"
@@ -19,7 +21,7 @@ std::string Configuration(const std::string& folder, const std::string& policy) 
            folder +
            "/socket</listen>\n"
            "  <auth>EXTERNAL</auth>\n" +
-           policy + "</busconfig>\n";
+           policy + limits + "</busconfig>\n";
 }
 
 std::string MakeFolder() {
@@ -60,12 +62,13 @@ const char* const PrivateBus::kOpenPolicy =
     "    <allow receive_sender='*' eavesdrop='true'/>\n"
     "  </policy>\n";
 
-PrivateBus::PrivateBus(const std::string& policy) : m_folder(MakeFolder()) {
+PrivateBus::PrivateBus(const std::string& limits, const std::string& policy)
+    : m_folder(MakeFolder()) {
     const std::string configuration = m_folder + "/bus.conf";
     // The daemon's complaints matter only if it fails: started by root in a container, it always
     // finds that it may not raise its limit of file descriptors.
     const std::string complaints = m_folder + "/errors";
-    std::ofstream(configuration) << Configuration(m_folder, policy);
+    std::ofstream(configuration) << Configuration(m_folder, limits, policy);
     try {
         m_daemon = StartDyingWithParent({"dbus-daemon", "--config-file=" + configuration,
                                          "--nofork", "--nopidfile", "--print-address=1"},
@@ -90,13 +93,25 @@ PrivateBus::~PrivateBus() {
 }
 
 pid_t PrivateBus::Pid() const {
-    const gchar* pid = g_subprocess_get_identifier(m_daemon.get());
-    return pid == nullptr ? 0 : static_cast<pid_t>(std::atoi(pid));
+    return PidOf(m_daemon.get());
 }
 
 void PrivateBus::Kill() {
     g_subprocess_force_exit(m_daemon.get());
     g_subprocess_wait(m_daemon.get(), nullptr, nullptr);
+}
+
+void PrivateBus::Signal(int signal) {
+    g_subprocess_send_signal(m_daemon.get(), signal);
+}
+
+void PrivateBus::Stop() {
+    Signal(SIGSTOP);
+    AwaitStop(m_daemon.get());
+}
+
+bool PrivateBus::IsStopped() const {
+    return tevrol::IsStopped(m_daemon.get());
 }
 
 }  // namespace tevrol

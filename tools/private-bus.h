@@ -18,9 +18,10 @@ public:
     // Allows the user who starts it, and root, everything.
     static const char* const kOpenPolicy;
 
-    // `policy` is what the daemon's configuration says of who may do what. Throws
-    // std::runtime_error when the daemon cannot be started.
-    explicit PrivateBus(const std::string& policy = kOpenPolicy);
+    // Both arguments are elements of the daemon's configuration: `limits` holds <limit> elements,
+    // for others than a stock bus's, and `policy` says who may do what. Throws std::runtime_error
+    // when the daemon cannot be started.
+    explicit PrivateBus(const std::string& limits = "", const std::string& policy = kOpenPolicy);
     ~PrivateBus();
     PrivateBus(const PrivateBus&) = delete;
     PrivateBus& operator=(const PrivateBus&) = delete;
@@ -29,9 +30,17 @@ public:
         return m_address;
     }
     pid_t Pid() const;
+    // The temporary folder that ends with the object, and all that is in it.
+    const std::string& Folder() const {
+        return m_folder;
+    }
 
     // Ends the daemon now, as if it had crashed, and waits until it is gone.
     void Kill();
+    void Signal(int signal);
+    // SIGSTOP, and waits until it has stopped; Signal(SIGCONT) lets it go on.
+    void Stop();
+    bool IsStopped() const;
 
 private:
     std::string m_folder;  // holds the configuration and the socket

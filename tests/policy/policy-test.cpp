@@ -188,7 +188,8 @@ Permitted AllThatMembersNeed() {
 class Policy : private Machine, private TemporaryFile, public ChannelTest {
 protected:
     explicit Policy(const std::string& policy = ShippedPolicy())
-        : TemporaryFile(policy), ChannelTest(Include(TEVROL_STOCK_POLICY) + Include(Path()), [] {
+        : TemporaryFile(policy),
+          ChannelTest("", Include(TEVROL_STOCK_POLICY) + Include(Path()), [] {
               const ConnectingAs user(kApplication);
               return ConnectToSystemBus();
           }) {}

@@ -130,7 +130,9 @@ GDBusConnection* ChannelTest::ConnectToSystemBus() {
     return g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
 }
 
-ChannelTest::ChannelTest(const std::string& policy, GDBusConnection* (*connect)()) : bus(policy) {
+ChannelTest::ChannelTest(const std::string& bus_limits, const std::string& policy,
+                         GDBusConnection* (*connect)())
+    : bus(bus_limits, policy) {
     connection = connect();
     g_dbus_connection_set_exit_on_close(connection, FALSE);
 }

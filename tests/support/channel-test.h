@@ -137,9 +137,10 @@ class ChannelTest : public testing::Test {
 protected:
     static GDBusConnection* ConnectToSystemBus();
 
-    // The bus is up with `policy`, this process is on it by `connect`, and its end does not end the
-    // test process.
-    explicit ChannelTest(const std::string& policy = tevrol::PrivateBus::kOpenPolicy,
+    // The bus is up with `bus_limits` and `policy` (see PrivateBus), this process is on it by
+    // `connect`, and its end does not end the test process.
+    explicit ChannelTest(const std::string& bus_limits = "",
+                         const std::string& policy = tevrol::PrivateBus::kOpenPolicy,
                          GDBusConnection* (*connect)() = ConnectToSystemBus);
     ~ChannelTest() override;
 
