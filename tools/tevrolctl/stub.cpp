@@ -1,8 +1,5 @@
 #include "tools/tevrolctl/commands.h"
 namespace tevrolctl {
-int Monitor(int, char**) {
-    return 9;
-}
 int Check(int, char**) {
     return 9;
 }
