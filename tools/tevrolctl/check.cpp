@@ -189,9 +189,10 @@ bool CheckRightToOwn(RawEnd& end, const std::string& channel, const char* stage,
 
 // A call that no handler gets to see: its body is of another type than "Send" takes.
 void CheckRightToCall(RawEnd& end, const std::string& callee, const std::string& whom,
-                      std::chrono::milliseconds wait, Findings& findings) {
+                      Findings& findings) {
+    constexpr auto kPatience = std::chrono::seconds(5);
     const std::string what = std::string("right to call ") + kInterface;
-    const Answer answer = end.Call(callee, kMethod, g_variant_new("(s)", ""), wait);
+    const Answer answer = end.Call(callee, kMethod, g_variant_new("(s)", ""), kPatience);
     if (answer.error_name == kAccessDenied) {
         findings.Fail(kExitFailed, what, "the bus policy refuses calls of " + ThisUser(),
                       std::string("add <allow send_interface=\"") + kInterface +
@@ -250,12 +251,12 @@ void CheckPartner(const std::string& channel, std::chrono::milliseconds wait, bo
                       "start the partner, or use --announce-ack where no pair is bound");
     }
     if (partner) {
-        CheckRightToCall(end, *partner, "the partner", wait, findings);
+        CheckRightToCall(end, *partner, "the partner", findings);
         findings.Ok("partner", Describe(end, *partner) + " has answered SYN with SYN_ACK");
         return;
     }
     const RawEnd other(channel);
-    CheckRightToCall(end, other.UniqueName(), "another connection", wait, findings);
+    CheckRightToCall(end, other.UniqueName(), "another connection", findings);
     findings.Fail(
         kExitNoPartner, "partner",
         announced ? "none has answered SYN within " + Duration(wait.count() * 1000)
