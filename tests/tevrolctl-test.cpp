@@ -247,11 +247,17 @@ TEST_F(TevrolctlTest, NotifyReachesThePartner) {
 }
 
 TEST_F(TevrolctlTest, NotifyTellsThatTheBusHasRefusedTheMessage) {
-    const auto partner = StartPartner();
-    const std::string path = File("huge");
-    std::ofstream(path).put('x');
-    std::filesystem::resize_file(path, (std::size_t{32} << 20) + 1);
-    const Result result = Tool({"notify", "demo", "file:" + path});
+    std::ofstream(File("bus.conf"))
+        << "<busconfig><listen>unix:path=" << File("socket")
+        << "</listen><policy context='default'><allow own='*'/><allow send_destination='*'/>"
+           "<allow receive_sender='*'/>"
+           "</policy><limit name='max_message_size'>100000</limit></busconfig>";
+    const PartnerProcess small_bus("dbus-daemon", "--config-file=" + File("bus.conf"),
+                                   {"--nofork", "--nopidfile", "--print-address=1"});
+    AwaitText(small_bus, "unix:path=");
+    const std::string address = "--address=unix:path=" + File("socket");
+    const auto partner = StartTool({"partner", address, "demo"}, "announced SYN");
+    const Result result = Tool({"notify", address, "demo", "-"}, std::string(100000, 'x'));
     EXPECT_EQ(result.status, kFailed);
     EXPECT_THAT(result.errors, HasSubstr("the bus did not take the notification"));
 }

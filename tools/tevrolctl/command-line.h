@@ -35,6 +35,31 @@ private:
     ExitStatus m_status;
 };
 
+// The text of an option, as GOption hands it out; null when it was not given.
+class OptionText {
+public:
+    OptionText() = default;
+    ~OptionText() {
+        g_free(m_text);
+    }
+    OptionText(const OptionText&) = delete;
+    OptionText& operator=(const OptionText&) = delete;
+
+    gchar** Place() {
+        return &m_text;
+    }
+    bool Given() const {
+        return m_text != nullptr;
+    }
+    // Empty when it was not given.
+    std::string Value() const {
+        return m_text == nullptr ? "" : m_text;
+    }
+
+private:
+    gchar* m_text = nullptr;
+};
+
 // The options that pick the bus, in every subcommand.
 struct BusOptions {
     gchar* address = nullptr;

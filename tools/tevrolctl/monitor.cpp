@@ -265,27 +265,22 @@ private:
     std::unique_ptr<GDBusConnection, tevrol::GObjectUnref> m_connection;
 };
 
-std::string Taken(gchar* text) {
-    const std::string result = text == nullptr ? "" : text;
-    g_free(text);
-    return result;
-}
-
 }  // namespace
 
 int Monitor(int argc, char** argv) {
     gboolean json = FALSE;
     gboolean hex = FALSE;
-    gchar* diagram = nullptr;
-    gchar* recording = nullptr;
-    gchar* read = nullptr;
+    OptionText diagram;
+    OptionText recording;
+    OptionText read;
     const GOptionEntry entries[] = {
         {"hex", 'x', 0, G_OPTION_ARG_NONE, &hex, "Show payloads in hexadecimal", nullptr},
         {"json", 'j', 0, G_OPTION_ARG_NONE, &json, "Print one JSON object a line", nullptr},
-        {"write", 'w', 0, G_OPTION_ARG_FILENAME, &recording, "Record to this file", "FILE"},
-        {"read", 'r', 0, G_OPTION_ARG_FILENAME, &read, "Show a recording, not the bus", "FILE"},
-        {"diagram", 'd', 0, G_OPTION_ARG_FILENAME, &diagram, "At the end draw an SVG picture",
+        {"write", 'w', 0, G_OPTION_ARG_FILENAME, recording.Place(), "Record to this file", "FILE"},
+        {"read", 'r', 0, G_OPTION_ARG_FILENAME, read.Place(), "Show a recording, not the bus",
          "FILE"},
+        {"diagram", 'd', 0, G_OPTION_ARG_FILENAME, diagram.Place(),
+         "At the end draw an SVG picture", "FILE"},
         {}};
     CommandLine line("monitor", "[NAME...]", "Shows what the channels on the bus do.", kDetails);
     line.Add(entries);
@@ -296,14 +291,14 @@ int Monitor(int argc, char** argv) {
     }
     settings.json = json != FALSE;
     settings.hex = hex != FALSE;
-    settings.diagram = Taken(diagram);
-    settings.recording = Taken(recording);
-    const std::string source = Taken(read);
+    settings.diagram = diagram.Value();
+    settings.recording = recording.Value();
+    const std::string source = read.Value();
     // Neither ever destroyed: GDBus's thread may still bring messages while the process ends.
-    auto& reporter = *new Reporter(std::move(settings));
+    static auto& reporter = *new Reporter(std::move(settings));
     bool bus_is_gone = false;
     if (source.empty()) {
-        auto& watch = *new Watch(reporter);
+        static auto& watch = *new Watch(reporter);
         watch.Run();
         bus_is_gone = watch.BusIsGone();
     } else {

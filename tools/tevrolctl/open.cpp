@@ -247,15 +247,16 @@ private:
 }  // namespace
 
 int Open(int argc, char** argv) {
-    gchar* answer = nullptr;
-    gchar* command = nullptr;
+    OptionText answer;
+    OptionText command;
     gboolean hex = FALSE;
     gboolean stay = FALSE;
     gboolean verbose = FALSE;
     double wait = 10;
     const GOptionEntry entries[] = {
-        {"answer", 'a', 0, G_OPTION_ARG_STRING, &answer, "Answer requests with this", "PAYLOAD"},
-        {"exec", 'e', 0, G_OPTION_ARG_STRING, &command, "Answer requests with its output",
+        {"answer", 'a', 0, G_OPTION_ARG_STRING, answer.Place(), "Answer requests with this",
+         "PAYLOAD"},
+        {"exec", 'e', 0, G_OPTION_ARG_STRING, command.Place(), "Answer requests with its output",
          "COMMAND"},
         {"hex", 'x', 0, G_OPTION_ARG_NONE, &hex, "Show payloads in hexadecimal", nullptr},
         {"stay", 0, 0, G_OPTION_ARG_NONE, &stay, "Go on after the end of standard input", nullptr},
@@ -268,20 +269,19 @@ int Open(int argc, char** argv) {
     Settings settings;
     settings.channel = line.Parse(argc, argv, 1, 1).front();
     RequireUsableName(settings.channel);
-    if (answer != nullptr && command != nullptr) {
+    if (answer.Given() && command.Given()) {
         throw Failure(kExitUsage, "--answer and --exec exclude each other");
     }
-    settings.echo = answer == nullptr;
-    settings.answer = answer == nullptr ? "" : answer;
-    settings.command = command == nullptr ? "" : command;
+    settings.echo = !answer.Given();
+    settings.answer = answer.Value();
+    settings.command = command.Value();
     settings.hex = hex != FALSE;
     settings.stay = stay != FALSE;
     settings.wait = Seconds(wait);
-    g_free(answer);
-    g_free(command);
     ShowLog(verbose != FALSE);
     // Never destroyed, as the channel calls it until the process ends.
-    return (new Terminal(std::move(settings)))->Run();
+    static auto& terminal = *new Terminal(std::move(settings));
+    return terminal.Run();
 }
 
 }  // namespace tevrolctl

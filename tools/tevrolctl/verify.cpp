@@ -403,12 +403,12 @@ private:
 }  // namespace
 
 int Verify(int argc, char** argv) {
-    gchar* command = nullptr;
+    OptionText command;
     gboolean echo = FALSE;
     double wait = 2;
     double reply_limit = 0.5;
     const GOptionEntry entries[] = {
-        {"run", 'r', 0, G_OPTION_ARG_STRING, &command, "Start the partner by this command",
+        {"run", 'r', 0, G_OPTION_ARG_STRING, command.Place(), "Start the partner by this command",
          "COMMAND"},
         {"echo", 'e', 0, G_OPTION_ARG_NONE, &echo, "Each reply has to equal its request", nullptr},
         {"wait", 'w', 0, G_OPTION_ARG_DOUBLE, &wait, "Wait so long for an announcement (2)",
@@ -422,8 +422,7 @@ int Verify(int argc, char** argv) {
     Settings settings;
     settings.channel = line.Parse(argc, argv, 1, 1).front();
     RequireUsableName(settings.channel);
-    settings.command = command == nullptr ? "" : command;
-    g_free(command);
+    settings.command = command.Value();
     settings.echo = echo != FALSE;
     settings.wait = Seconds(wait);
     settings.reply_limit = Seconds(reply_limit);
