@@ -133,6 +133,21 @@ protected:
             [&] { return ReadFile(File("diagram.svg")).find("</svg>") != std::string::npos; }));
     }
 
+    // A second bus, at the path "socket", with further rules and settings.
+    std::unique_ptr<PartnerProcess> StartBus(const std::string& rules,
+                                             const std::string& settings) const {
+        std::ofstream(File("bus.conf"))
+            << "<busconfig><listen>unix:path=" << File("socket")
+            << "</listen><policy context='default'><allow own='*'/><allow send_destination='*'/>"
+               "<allow receive_sender='*'/>"
+            << rules << "</policy>" << settings << "</busconfig>";
+        auto daemon = std::make_unique<PartnerProcess>(
+            "dbus-daemon", "--config-file=" + File("bus.conf"),
+            Arguments{"--nofork", "--nopidfile", "--print-address=1"});
+        AwaitText(*daemon, "unix:path=");
+        return daemon;
+    }
+
     const tevrol::PrivateBus bus;
 
 private:
@@ -247,14 +262,7 @@ TEST_F(TevrolctlTest, NotifyReachesThePartner) {
 }
 
 TEST_F(TevrolctlTest, NotifyTellsThatTheBusHasRefusedTheMessage) {
-    std::ofstream(File("bus.conf"))
-        << "<busconfig><listen>unix:path=" << File("socket")
-        << "</listen><policy context='default'><allow own='*'/><allow send_destination='*'/>"
-           "<allow receive_sender='*'/>"
-           "</policy><limit name='max_message_size'>100000</limit></busconfig>";
-    const PartnerProcess small_bus("dbus-daemon", "--config-file=" + File("bus.conf"),
-                                   {"--nofork", "--nopidfile", "--print-address=1"});
-    AwaitText(small_bus, "unix:path=");
+    const auto small_bus = StartBus("", "<limit name='max_message_size'>100000</limit>");
     const std::string address = "--address=unix:path=" + File("socket");
     const auto partner = StartTool({"partner", address, "demo"}, "announced SYN");
     const Result result = Tool({"notify", address, "demo", "-"}, std::string(100000, 'x'));
@@ -460,6 +468,24 @@ TEST_F(TevrolctlTest, CheckTellsTheFaultsApart) {
     EXPECT_THAT(squatted.output,
                 ContainsRegex("FAIL  owners: org\\.ulmar\\.Tevrol\\.demo_CLIENT_ACK is held by "
                               ":1\\.[0-9]+ \\(tevrol-partner, process [0-9]+\\)"));
+}
+
+TEST_F(TevrolctlTest, CheckNamesTheRuleThatThePolicyLacks) {
+    const auto check_with = [this](const std::string& rule) {
+        const auto other = StartBus(rule, "");
+        return Tool({"check", "--address=unix:path=" + File("socket"), "--wait=0", "--announce-ack",
+                     "demo"})
+            .output;
+    };
+    for (const char* stage : {"SYN", "SYN_ACK", "ACK"}) {
+        const std::string name = std::string("org.ulmar.Tevrol.demo_CLIENT_") + stage;
+        const std::string output = check_with("<deny own='" + name + "'/>");
+        EXPECT_THAT(output, HasSubstr("FAIL  right to own " + name + ": the bus policy refuses"));
+        EXPECT_THAT(output, HasSubstr("add <allow own=\"" + name + "\"/>"));
+    }
+    EXPECT_THAT(
+        check_with("<deny send_interface='org.ulmar.tevrol.DbusCommunication'/>"),
+        HasSubstr("FAIL  right to call org.ulmar.tevrol.DbusCommunication: the bus policy"));
 }
 
 TEST_F(TevrolctlTest, CheckLeavesABoundPairAlone) {
