@@ -40,7 +40,7 @@ using Arguments = std::vector<std::string>;
 std::string Text(GBytes* bytes) {
     gsize size = 0;
     const auto* data = static_cast<const char*>(g_bytes_get_data(bytes, &size));
-    const std::string text(data, data + size);
+    std::string text(data, data + size);
     g_bytes_unref(bytes);
     return text;
 }
@@ -347,9 +347,9 @@ TEST_F(TevrolctlTest, MonitorTellsAConversationInTheChannelsTerms) {
     const Result text = Tool({"monitor", "--read", File("recording")});
     EXPECT_EQ(text.status, kOk) << text.errors;
     for (const char* line :
-         {":1\\.1 announces SERVICE_SYN \\(held", ":1\\.2 announces CLIENT_SYN -> :1\\.1 \\(held",
+         {":1\\.1 announces SERVICE_SYN \\(held", R"(:1\.2 announces CLIENT_SYN -> :1\.1 \(held)",
           ":1\\.1 bound -> :1\\.2", ":1\\.2 ready -> :1\\.1", ":1\\.2 request -> :1\\.1: 4 bytes",
-          ":1\\.1 reply -> :1\\.2: 4 bytes \"<&>\"\" \\(",
+          R"(:1\.1 reply -> :1\.2: 4 bytes "<&>"" \()",
           ":1\\.2 notification -> :1\\.1: 2 bytes hex:00ff", ":1\\.2 lost leaves :1\\.1"}) {
         EXPECT_THAT(text.output, ContainsRegex(line));
     }
@@ -406,9 +406,8 @@ TEST_F(TevrolctlTest, MonitorShowsRefusedAnnouncementsAndErrors) {
 }
 
 TEST_F(TevrolctlTest, MonitorRefusesMalformedRecordings) {
-    for (const char* line :
-         {"garbage", "{}", "[]", "{\"kind\":1}", "{\"kind\":\"bogus\"}",
-          "{\"kind\":\"lost\",\"channel\":\"a\",\"from\":\"b\",\"hex\":\"0\"}"}) {
+    for (const char* line : {"garbage", "{}", "[]", "{\"kind\":1}", R"({"kind":"bogus"})",
+                             R"({"kind":"lost","channel":"a","from":"b","hex":"0"})"}) {
         std::ofstream(File("recording")) << line << '\n';
         const Result result = Tool({"monitor", "--read", File("recording")});
         EXPECT_EQ(result.status, kFailed) << line;

@@ -33,7 +33,7 @@ constexpr const char* kSilent = "org.freedesktop.DBus.Error.NoReply";
 
 class Findings {
 public:
-    void Ok(const std::string& what, const std::string& finding) const {
+    static void Ok(const std::string& what, const std::string& finding) {
         PrintLine(Coloured(kGreen, "ok   ") + " " + what + ": " + finding);
     }
     void Warn(const std::string& what, const std::string& finding, const std::string& remedy) {

@@ -164,7 +164,7 @@ std::string ClockTime(gint64 microseconds) {
     gchar* clock = g_date_time_format(time, "%H:%M:%S");
     gchar* text =
         g_strdup_printf("%s.%03d", clock, static_cast<int>(microseconds % G_USEC_PER_SEC / 1000));
-    const std::string result = text;
+    std::string result = text;
     g_free(text);
     g_free(clock);
     g_date_time_unref(time);
@@ -176,7 +176,7 @@ std::string Duration(gint64 microseconds) {
     gchar* text = g_strdup_printf(
         "%.2f %s", static_cast<double>(microseconds) / (long_one ? G_USEC_PER_SEC : 1000),
         long_one ? "s" : "ms");
-    const std::string result = text;
+    std::string result = text;
     g_free(text);
     return result;
 }
@@ -201,7 +201,7 @@ tevrol::Bytes ReadPayload(const std::string& typed) {
         if (g_file_get_contents(path.c_str(), &content, &size, &error) == FALSE) {
             throw Failure(kExitUsage, TakeMessage(error));
         }
-        const tevrol::Bytes bytes(content, content + size);
+        tevrol::Bytes bytes(content, content + size);
         g_free(content);
         return bytes;
     }

@@ -18,7 +18,7 @@ constexpr std::size_t kShownBytes = 16;
 std::string Escape(const std::string& text) {
     gchar* valid = g_utf8_make_valid(text.c_str(), -1);
     gchar* escaped = g_markup_escape_text(valid, -1);
-    const std::string result = escaped;
+    std::string result = escaped;
     g_free(escaped);
     g_free(valid);
     return result;
@@ -43,7 +43,7 @@ public:
             kTimeWidth + std::max<int>(1, static_cast<int>(m_lanes.size())) * kLaneWidth;
         const int height = kTop + static_cast<int>(m_events.size()) * kRowHeight + kMargin;
         m_svg << "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
-              << "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"" << width << "\" height=\""
+              << R"(<svg xmlns="http://www.w3.org/2000/svg" width=")" << width << "\" height=\""
               << height << "\" viewBox=\"0 0 " << width << " " << height
               << "\" font-family=\"sans-serif\" font-size=\"13\">\n"
               << "<title>Messages on the bus</title>\n"
@@ -69,7 +69,7 @@ private:
         return "<marker id=\"" + id +
                "\" markerWidth=\"10\" markerHeight=\"10\" refX=\"9\" refY=\"4.5\" orient=\"auto\" "
                "markerUnits=\"userSpaceOnUse\"><path d=\"" +
-               path + "\" fill=\"" + fill + "\" stroke=\"black\"/></marker>";
+               path + "\" fill=\"" + fill + R"(" stroke="black"/></marker>)";
     }
 
     void AddLane(const std::string& process, const std::string& role) {
@@ -103,9 +103,9 @@ private:
     void DrawLanes(int height) {
         for (const Lane& lane : m_lanes) {
             const int x = X(lane.process);
-            m_svg << "<line x1=\"" << x << "\" y1=\"50\" x2=\"" << x << "\" y2=\"" << height - 10
+            m_svg << "<line x1=\"" << x << R"(" y1="50" x2=")" << x << "\" y2=\"" << height - 10
                   << "\" stroke=\"#777\" stroke-dasharray=\"5 4\"/>\n"
-                  << "<rect x=\"" << x - 80 << "\" y=\"14\" width=\"160\" height=\"36\" rx=\"4\" "
+                  << "<rect x=\"" << x - 80 << R"(" y="14" width="160" height="36" rx="4" )"
                   << "fill=\"#eef2f6\" stroke=\"black\"/>\n";
             std::string role = lane.role == "CLIENT" ? "client "
                                : lane.role.empty()   ? ""
@@ -115,7 +115,7 @@ private:
     }
 
     void DrawRow(const Event& event, int y) {
-        Text(kTimeWidth - 14, y + 4, "end", "fill=\"#444\" font-size=\"11\"", Time(event));
+        Text(kTimeWidth - 14, y + 4, "end", R"(fill="#444" font-size="11")", Time(event));
         if (event.kind == "bound" || event.kind == "ready") {
             DrawState(event, y);
         } else if (event.kind == "lost") {
@@ -132,7 +132,7 @@ private:
     std::string Time(const Event& event) const {
         gchar* text = g_strdup_printf(
             "%.4f s", static_cast<double>(event.time - m_events.front().time) / G_USEC_PER_SEC);
-        const std::string result = text;
+        std::string result = text;
         g_free(text);
         return result;
     }
@@ -188,8 +188,8 @@ private:
         const int left = std::min(first, second) - 80;
         const int right = std::max(first, second) + 80;
         m_svg << "<rect x=\"" << left << "\" y=\"" << y - 11 << "\" width=\"" << right - left
-              << "\" height=\"24\" rx=\"12\" stroke=\"black\" fill=\""
-              << (ready ? "#dff3e3" : "#fff6d6") << "\"/>\n";
+              << R"(" height="24" rx="12" stroke="black" fill=")" << (ready ? "#dff3e3" : "#fff6d6")
+              << "\"/>\n";
         const std::string state =
             ready ? "ready" + (event.duration > 0 ? " after " + Duration(event.duration) : "")
                   : "bound to " + event.to;

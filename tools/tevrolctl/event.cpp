@@ -64,7 +64,7 @@ void Read(JsonObject* object, Event& event) {
     }
     const bool known = std::find(kKinds.begin(), kKinds.end(), event.kind) != kKinds.end();
     if (!known || event.channel.empty() || event.from.empty()) {
-        throw NoEvent("\"kind\", \"channel\" or \"from\" is missing or unknown");
+        throw NoEvent(R"("kind", "channel" or "from" is missing or unknown)");
     }
 }
 
@@ -108,7 +108,7 @@ std::string ToJson(const Event& event) {
     json_object_unref(object);
     gchar* text = json_to_string(root, FALSE);
     json_node_unref(root);
-    const std::string line = text;
+    std::string line = text;
     g_free(text);
     return line;
 }

@@ -99,10 +99,9 @@ private:
 
     tevrol::Bytes Answer(const tevrol::Bytes& request) const {
         Show("<-", kCyan, "request", request);
-        const tevrol::Bytes answer = !m_settings.command.empty()
-                                         ? OutputOf(m_settings.command, request)
-                                     : m_settings.echo ? request
-                                                       : m_fixed_answer;
+        tevrol::Bytes answer = !m_settings.command.empty() ? OutputOf(m_settings.command, request)
+                               : m_settings.echo           ? request
+                                                           : m_fixed_answer;
         Show("->", kGreen, "answer", answer);
         return answer;
     }
