@@ -10,8 +10,8 @@ namespace {
 
 constexpr const char* kAddressVariable = "DBUS_SYSTEM_BUS_ADDRESS";
 
-// No limits are named: the daemon's built-in ones are the stock system bus's.
-std::string Configuration(const std::string& folder) {
+// Where no limits are named, the daemon's built-in ones apply: the stock system bus's.
+std::string Configuration(const std::string& folder, const std::string& limits) {
     return "<!DOCTYPE busconfig PUBLIC '-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN'\n"
            " 'http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd'>\n"
            "<busconfig>\n"
@@ -23,8 +23,8 @@ std::string Configuration(const std::string& folder) {
            "    <allow own='*'/>\n"
            "    <allow send_destination='*' eavesdrop='true'/>\n"
            "    <allow receive_sender='*' eavesdrop='true'/>\n"
-           "  </policy>\n"
-           "</busconfig>\n";
+           "  </policy>\n" +
+           limits + "</busconfig>\n";
 }
 
 std::string MakeFolder() {
@@ -56,12 +56,12 @@ std::string ReadAddress(GSubprocess* daemon) {
 
 }  // namespace
 
-PrivateBus::PrivateBus() : m_folder(MakeFolder()) {
+PrivateBus::PrivateBus(const std::string& limits) : m_folder(MakeFolder()) {
     const std::string configuration = m_folder + "/bus.conf";
     // The daemon's complaints matter only if it fails: started by root in a container, it always
     // finds that it may not raise its limit of file descriptors.
     const std::string complaints = m_folder + "/errors";
-    std::ofstream(configuration) << Configuration(m_folder);
+    std::ofstream(configuration) << Configuration(m_folder, limits);
     try {
         m_daemon = StartDyingWithParent({"dbus-daemon", "--config-file=" + configuration,
                                          "--nofork", "--nopidfile", "--print-address=1"},

@@ -15,8 +15,9 @@ namespace tevrol {
 // with the object, or with the thread that constructed it.
 class PrivateBus {
 public:
-    // Throws std::runtime_error when the daemon cannot be started.
-    PrivateBus();
+    // `limits`: elements <limit> of the daemon's configuration, for other limits than a stock
+    // bus's. Throws std::runtime_error when the daemon cannot be started.
+    explicit PrivateBus(const std::string& limits = "");
     ~PrivateBus();
     PrivateBus(const PrivateBus&) = delete;
     PrivateBus& operator=(const PrivateBus&) = delete;
