@@ -9,11 +9,6 @@ constexpr const char* kDriver = "org.freedesktop.DBus";
 constexpr const char* kDriverPath = "/org/freedesktop/DBus";
 constexpr guint32 kDoNotQueue = 4;
 
-constexpr const char* kIntrospection =
-    "<node><interface name='org.ulmar.tevrol.DbusCommunication'><method name='Send'>"
-    "<arg type='ay' name='data' direction='in'/><arg type='ay' name='response' direction='out'/>"
-    "</method></interface></node>";
-
 void Ignore(GDBusConnection* /*connection*/, const gchar* /*sender*/, const gchar* /*path*/,
             const gchar* /*interface*/, const gchar* /*signal*/, GVariant* /*parameters*/,
             gpointer /*self*/) {}

@@ -96,21 +96,18 @@ private:
     GDBusProxy* const m_proxy;
 };
 
-constexpr const char* kIntrospection =
-    "<node><interface name='org.ulmar.tevrol.DbusCommunication'><method name='Send'>"
-    "<arg type='ay' name='data' direction='in'/><arg type='ay' name='response' direction='out'/>"
-    "</method></interface></node>";
-
+template <Bytes (*to_bytes)(GVariant*), GVariant* (*to_value)(const Bytes&)>
 void Echo(GDBusConnection* /*connection*/, const gchar* /*sender*/, const gchar* /*path*/,
           const gchar* /*interface*/, const gchar* /*method*/, GVariant* parameters,
           GDBusMethodInvocation* invocation, gpointer /*data*/) {
-    g_dbus_method_invocation_return_value(invocation, ToValue(ToBytes(parameters)));
+    g_dbus_method_invocation_return_value(invocation, to_value(to_bytes(parameters)));
 }
 
+template <Bytes (*to_bytes)(GVariant*)>
 void Drop(GDBusConnection* /*connection*/, const gchar* /*sender*/, const gchar* /*path*/,
           const gchar* /*interface*/, const gchar* /*signal*/, GVariant* parameters,
           gpointer /*data*/) {
-    const Bytes taken = ToBytes(parameters);
+    const Bytes taken = to_bytes(parameters);
 }
 
 }  // namespace
@@ -124,16 +121,23 @@ std::unique_ptr<Peer> MakeGDBusPeer(const Address& service, Conversion conversio
     return std::make_unique<GDBusPeer>(service, conversion, replies);
 }
 
-void ServeGDBus(const std::string& channel, const std::string& caller, const Ready& ready) {
-    static const GDBusInterfaceVTable vtable = {Echo, nullptr, nullptr, {}};
+void ServeGDBus(const std::string& channel, const std::string& caller, Conversion conversion,
+                const Ready& ready) {
+    const bool per_byte = conversion == Conversion::PerByte;
+    static const GDBusInterfaceVTable vtable = {
+        per_byte ? Echo<ToBytesPerByte, ToValuePerByte> : Echo<ToBytes, ToValue>,
+        nullptr,
+        nullptr,
+        {}};
     GDBusConnection* connection = SystemBus();
     const std::string path = ObjectPath(channel);
     GDBusNodeInfo* node = g_dbus_node_info_new_for_xml(kIntrospection, nullptr);
     g_dbus_connection_register_object(connection, path.c_str(), node->interfaces[0], &vtable,
                                       nullptr, nullptr, nullptr);
     g_dbus_connection_signal_subscribe(connection, caller.c_str(), kInterface, nullptr,
-                                       path.c_str(), nullptr, G_DBUS_SIGNAL_FLAGS_NONE, Drop,
-                                       nullptr, nullptr);
+                                       path.c_str(), nullptr, G_DBUS_SIGNAL_FLAGS_NONE,
+                                       per_byte ? Drop<ToBytesPerByte> : Drop<ToBytes>, nullptr,
+                                       nullptr);
     ready(g_dbus_connection_get_unique_name(connection));
     g_main_loop_run(g_main_loop_new(nullptr, FALSE));
 }

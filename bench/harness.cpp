@@ -82,6 +82,9 @@ void Group::Add(const std::string& contender, const Body& body) {
 }
 
 void Group::Run(int rounds, double seconds) {
+    if (m_contenders.empty()) {
+        return;
+    }
     InitializeOnce();
     Progress(m_subject + " " + std::to_string(m_x));
     for (const Contender& contender : m_contenders) {

@@ -44,6 +44,7 @@ void MeasureNotifications(Extent extent, Peer& socket) {
 
     BoundChannels channels("notifications", {MakeChannel, MakeBulkChannel});
     const auto gdbus = MakeGDBusPeer(channels.Partner(), Conversion::Bulk);
+    const auto loop = MakeGDBusPeer(channels.Partner(), Conversion::PerByte);
     const auto sdbus = MakeSdBusPeer(channels.Partner());
     const auto sdbuscpp = MakeSdbusCppPeer(channels.Partner());
     for (const std::size_t size : sizes) {
@@ -51,6 +52,7 @@ void MeasureNotifications(Extent extent, Peer& socket) {
         group.Add("channel", Bursts(channels[0], size));
         group.Add("bulk", Bursts(channels[1], size));
         group.Add("gdbus", Bursts(*gdbus, size));
+        group.Add("loop", Bursts(*loop, size));
         group.Add("sdbus", Bursts(*sdbus, size));
         group.Add("sdbuscpp", Bursts(*sdbuscpp, size));
         group.Add("socket", Bursts(socket, size));
@@ -63,7 +65,7 @@ void MeasureNotifications(Extent extent, Peer& socket) {
         std::unique_ptr<Peer> sender;
     };
     std::vector<Notified> notified;
-    for (const char* kind : {"channel", "bulk", "gdbus", "sdbus", "sdbuscpp"}) {
+    for (const char* kind : {"channel", "loop", "bulk", "gdbus", "sdbus", "sdbuscpp"}) {
         auto service = std::make_unique<Service>(kind, SdBusUniqueName());
         OpenHandshake(kind);
         auto sender = MakeSdBusPeer(service->GetAddress());

@@ -15,6 +15,11 @@ constexpr const char* kInterface = "org.ulmar.tevrol.DbusCommunication";
 constexpr const char* kMethod = "Send";
 constexpr const char* kSignal = "SendSignal";
 
+constexpr const char* kIntrospection =
+    "<node><interface name='org.ulmar.tevrol.DbusCommunication'><method name='Send'>"
+    "<arg type='ay' name='data' direction='in'/><arg type='ay' name='response' direction='out'/>"
+    "</method></interface></node>";
+
 inline std::string ObjectPath(const std::string& channel) {
     return "/org/ulmar/tevrol/CommunicationChannel/" + channel;
 }
@@ -61,7 +66,8 @@ std::string ProcessUniqueName();
 // The answering end: echoes requests at the object of `channel`, drops the notifications of the
 // process `caller` and does not return. Calls `ready` with its unique name when it can be called.
 using Ready = std::function<void(const std::string& unique_name)>;
-void ServeGDBus(const std::string& channel, const std::string& caller, const Ready& ready);
+void ServeGDBus(const std::string& channel, const std::string& caller, Conversion conversion,
+                const Ready& ready);
 void ServeSdBus(const std::string& channel, const std::string& caller, const Ready& ready);
 void ServeSdbusCpp(const std::string& channel, const std::string& caller, const Ready& ready);
 

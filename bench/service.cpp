@@ -27,7 +27,9 @@ bool Serve(const std::string& kind, const std::string& caller) {
     } else if (kind == "bulk") {
         ServeChannel(bench::MakeBulkChannel, kind, PrintReady);
     } else if (kind == "gdbus") {
-        bench::ServeGDBus(kind, caller, PrintReady);
+        bench::ServeGDBus(kind, caller, bench::Conversion::Bulk, PrintReady);
+    } else if (kind == "loop") {
+        bench::ServeGDBus(kind, caller, bench::Conversion::PerByte, PrintReady);
     } else if (kind == "sdbus") {
         bench::ServeSdBus(kind, caller, PrintReady);
     } else if (kind == "sdbuscpp") {
@@ -45,7 +47,7 @@ int main(int argc, char** argv) {
         if (argc == 3 && Serve(argv[1], argv[2])) {
             return 0;
         }
-        std::cerr << "Usage: tevrol-bench-service channel|bulk|gdbus|sdbus|sdbuscpp CALLER\n";
+        std::cerr << "Usage: tevrol-bench-service channel|bulk|gdbus|loop|sdbus|sdbuscpp CALLER\n";
     } catch (const std::exception& failure) {
         std::cerr << "tevrol-bench-service: " << failure.what() << '\n';
     }
