@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <stdexcept>
+#include <utility>
 
+#include "bench/sd-bus.h"
 #include "tools/loop.h"
 
 namespace bench {
@@ -71,6 +73,16 @@ Service::Service(const std::string& kind, const std::string& caller)
 
 Address Service::GetAddress() const {
     return {AwaitLine(m_process, "ready "), m_kind};
+}
+
+std::vector<CalledService> StartServices() {
+    std::vector<CalledService> services;
+    for (const char* kind : {"channel", "loop", "bulk", "gdbus", "sdbus", "sdbuscpp"}) {
+        auto service = std::make_unique<Service>(kind, SdBusUniqueName());
+        auto caller = MakeSdBusPeer(service->GetAddress());
+        services.push_back({kind, std::move(service), std::move(caller)});
+    }
+    return services;
 }
 
 }  // namespace bench

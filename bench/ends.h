@@ -57,6 +57,14 @@ private:
     tevrol::PartnerProcess m_process;
 };
 
+// Every kind of service, called and notified by the one caller on sd-bus.
+struct CalledService {
+    std::string kind;
+    std::unique_ptr<Service> service;
+    std::unique_ptr<Peer> caller;
+};
+std::vector<CalledService> StartServices();
+
 // Runs the main loop until `condition` holds; throws std::runtime_error naming `what` when it does
 // not come to hold.
 void WaitFor(const std::string& what, const std::function<bool()>& condition);

@@ -69,7 +69,7 @@ void MeasureHandshake(Extent extent) {
     Group opening("opening", 0);
     opening.Add("channel", Opening(*channel, partners, "channel"));
     opening.Add("bare", Opening(bare, partners, "bare"));
-    opening.Run(5 * rounds, 0);
+    opening.Run(5 * rounds, 1, Group::Timing::ByBody);
 
     const auto channel_names = Names("channel", rounds);
     const auto bare_names = Names("bare", rounds);
@@ -82,7 +82,7 @@ void MeasureHandshake(Extent extent) {
                      Constructing<BareEnd>(
                          [](const std::string& name) { return std::make_unique<BareEnd>(name); },
                          waiting, bare_names));
-    constructing.Run(rounds, 0);
+    constructing.Run(rounds, 1, Group::Timing::ByBody);
 }
 
 }  // namespace bench

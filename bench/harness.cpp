@@ -31,6 +31,8 @@ public:
             const std::string& contender = run.run_name.function_name;
             Report(m_subject, "time", contender, m_x, round,
                    run.real_accumulated_time / static_cast<double>(run.iterations));
+            Report(m_subject, "processor", contender, m_x, round,
+                   run.cpu_accumulated_time / static_cast<double>(run.iterations));
             for (const auto& [metric, counter] : run.counters) {
                 Report(m_subject, metric, contender, m_x, round, counter.value);
             }
@@ -59,7 +61,7 @@ void InitializeOnce() {
 void Report(const std::string& subject, const std::string& metric, const std::string& contender,
             std::size_t x, int round, double value) {
     std::cout << subject << ',' << metric << ',' << contender << ',' << x << ',' << round << ','
-              << value << std::endl;
+              << value << '\n';
 }
 
 void Progress(const std::string& text) {
@@ -81,7 +83,7 @@ void Group::Add(const std::string& contender, const Body& body) {
     m_contenders.push_back({contender, body});
 }
 
-void Group::Run(int rounds, double seconds) {
+void Group::Run(int rounds, int iterations, Timing timing) {
     if (m_contenders.empty()) {
         return;
     }
@@ -89,11 +91,11 @@ void Group::Run(int rounds, double seconds) {
     Progress(m_subject + " " + std::to_string(m_x));
     for (const Contender& contender : m_contenders) {
         auto* registered = benchmark::RegisterBenchmark(contender.name.c_str(), contender.body);
-        registered->Repetitions(rounds);
-        if (seconds > 0) {
-            registered->MinTime(seconds)->UseRealTime();
+        registered->Repetitions(rounds)->Iterations(iterations);
+        if (timing == Timing::ByBody) {
+            registered->UseManualTime();
         } else {
-            registered->Iterations(1)->UseManualTime();
+            registered->UseRealTime();
         }
     }
     CsvReporter reporter(m_subject, m_x);

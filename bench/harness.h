@@ -34,14 +34,15 @@ class Group {
 public:
     Group(std::string subject, std::size_t x);
 
-    // `body` is a benchmark; its time is the metric "time" (per iteration), its counters are
-    // further metrics.
+    // `body` is a benchmark; its time is the metric "time" (per iteration), the processor time of
+    // its thread the metric "processor", its counters are further metrics.
     using Body = std::function<void(benchmark::State&)>;
     void Add(const std::string& contender, const Body& body);
 
-    // Runs every contender `rounds` times: for about `seconds` each time, or exactly once and by
-    // its own clock where that is 0.
-    void Run(int rounds, double seconds);
+    // Runs every contender `rounds` times. Short rounds and many of them: then a busy machine hits
+    // all contenders alike.
+    enum class Timing { Iterations, ByBody };
+    void Run(int rounds, int iterations, Timing timing = Timing::Iterations);
 
 private:
     struct Contender {

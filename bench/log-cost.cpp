@@ -82,16 +82,17 @@ Group::Body TwoLines(Print print, int size) {
 
 void MeasureLogCost(Extent extent) {
     constexpr std::size_t kSize = 16;
-    constexpr double kRoundSeconds = 0.02;
-    const int rounds = extent == Extent::Quick ? 15 : 61;
+    const int rounds = extent == Extent::Quick ? 300 : 1000;
     const LogDaemon daemon;
     BoundChannels channels("log", {MakeChannel, MakeLoggingChannel});
-    Group group("log", kSize);
-    group.Add("channel", RoundTrips(channels[0], kSize));
-    group.Add("logging", RoundTrips(channels[1], kSize));
-    group.Add("lines-discarded", TwoLines(__dlog_print, kSize));
-    group.Add("lines-logged", TwoLines(StandInDlogPrint, kSize));
-    group.Run(rounds, kRoundSeconds);
+    Group requests("log", kSize);
+    requests.Add("channel", RoundTrips(channels[0], kSize));
+    requests.Add("logging", RoundTrips(channels[1], kSize));
+    requests.Run(rounds, 4);
+    Group lines("log", kSize);
+    lines.Add("lines-discarded", TwoLines(__dlog_print, kSize));
+    lines.Add("lines-logged", TwoLines(StandInDlogPrint, kSize));
+    lines.Run(rounds, 100);
 }
 
 }  // namespace bench

@@ -10,7 +10,7 @@
 namespace bench {
 namespace {
 
-constexpr int kBurst = 500;
+constexpr int kBurst = 100;
 
 // "time": until all are handled, for one notification; "sending": until the last is sent.
 Group::Body Bursts(Peer& peer, std::size_t size) {
@@ -39,7 +39,7 @@ void OpenHandshake(const std::string& channel) {
 }  // namespace
 
 void MeasureNotifications(Extent extent, Peer& socket) {
-    const int rounds = extent == Extent::Quick ? 9 : 31;
+    const int rounds = extent == Extent::Quick ? 40 : 150;
     const std::vector<std::size_t> sizes = {0, 16, 64, 1024};
 
     BoundChannels channels("notifications", {MakeChannel, MakeBulkChannel});
@@ -56,27 +56,18 @@ void MeasureNotifications(Extent extent, Peer& socket) {
         group.Add("sdbus", Bursts(*sdbus, size));
         group.Add("sdbuscpp", Bursts(*sdbuscpp, size));
         group.Add("socket", Bursts(socket, size));
-        group.Run(rounds, 0);
+        group.Run(rounds, 1, Group::Timing::ByBody);
     }
 
-    struct Notified {
-        std::string kind;
-        std::unique_ptr<Service> service;
-        std::unique_ptr<Peer> sender;
-    };
-    std::vector<Notified> notified;
-    for (const char* kind : {"channel", "loop", "bulk", "gdbus", "sdbus", "sdbuscpp"}) {
-        auto service = std::make_unique<Service>(kind, SdBusUniqueName());
-        OpenHandshake(kind);
-        auto sender = MakeSdBusPeer(service->GetAddress());
-        notified.push_back({kind, std::move(service), std::move(sender)});
-    }
+    const auto services = StartServices();
+    OpenHandshake("channel");
+    OpenHandshake("bulk");
     for (const std::size_t size : sizes) {
         Group group("handling", size);
-        for (const Notified& one : notified) {
-            group.Add(one.kind, Bursts(*one.sender, size));
+        for (const CalledService& one : services) {
+            group.Add(one.kind, Bursts(*one.caller, size));
         }
-        group.Run(rounds, 0);
+        group.Run(rounds, 1, Group::Timing::ByBody);
     }
 }
 

@@ -4,7 +4,6 @@
 
 #include "bench/ends.h"
 #include "bench/harness.h"
-#include "bench/sd-bus.h"
 #include "bench/subjects.h"
 
 namespace bench {
@@ -26,19 +25,23 @@ std::vector<std::size_t> Sizes(Extent extent) {
 // takes seconds.
 int Rounds(Extent extent, std::size_t size, Conversion conversion) {
     const bool quick = extent == Extent::Quick;
-    if (size <= 64) {
-        return quick ? 15 : 75;
+    if (size <= 1024) {
+        return quick ? 300 : 1000;
     }
     if (size <= 16384) {
-        return quick ? 7 : 25;
+        return quick ? 60 : 150;
     }
-    if (conversion == Conversion::Bulk || size <= 262144) {
-        return quick ? 5 : 11;
+    if (conversion == Conversion::Bulk) {
+        return size <= 1048576 ? (quick ? 25 : 40) : 11;
     }
-    return 3;
+    return size <= 65536 ? 11 : 3;
 }
 
-constexpr double kRoundSeconds = 0.015;
+// Enough to forget what the contender before has left behind.
+int Iterations(std::size_t size) {
+    return size <= 16384 ? 4 : 1;
+}
+
 constexpr std::size_t kSmall = 1024;
 
 }  // namespace
@@ -61,31 +64,21 @@ void MeasureRequests(Extent extent, Peer& socket) {
         bulk.Add("socket", RoundTrips(socket, size));
         with_channel.Add("channel", RoundTrips(channels[0], size));
         with_channel.Add("loop", RoundTrips(*loop, size));
-        bulk.Run(Rounds(extent, size, Conversion::Bulk), kRoundSeconds);
-        per_byte.Run(Rounds(extent, size, Conversion::PerByte), kRoundSeconds);
+        bulk.Run(Rounds(extent, size, Conversion::Bulk), Iterations(size));
+        per_byte.Run(Rounds(extent, size, Conversion::PerByte), Iterations(size));
     }
 
-    struct Served {
-        std::string kind;
-        std::unique_ptr<Service> service;
-        std::unique_ptr<Peer> caller;
-    };
-    std::vector<Served> served;
-    for (const char* kind : {"channel", "loop", "bulk", "gdbus", "sdbus", "sdbuscpp"}) {
-        auto service = std::make_unique<Service>(kind, SdBusUniqueName());
-        auto caller = MakeSdBusPeer(service->GetAddress());
-        served.push_back({kind, std::move(service), std::move(caller)});
-    }
+    const auto services = StartServices();
     for (const std::size_t size : Sizes(extent)) {
         Group bulk("serving", size);
         Group per_byte("serving", size);
-        for (const Served& one : served) {
+        for (const CalledService& one : services) {
             const bool loops = one.kind == "channel" || one.kind == "loop";
             Group& group = loops && size > kSmall ? per_byte : bulk;
             group.Add(one.kind, RoundTrips(*one.caller, size));
         }
-        bulk.Run(Rounds(extent, size, Conversion::Bulk), kRoundSeconds);
-        per_byte.Run(Rounds(extent, size, Conversion::PerByte), kRoundSeconds);
+        bulk.Run(Rounds(extent, size, Conversion::Bulk), Iterations(size));
+        per_byte.Run(Rounds(extent, size, Conversion::PerByte), Iterations(size));
     }
 }
 

@@ -32,6 +32,19 @@ double TimePerRequest(const std::vector<Channel*>& callers, int requests) {
            static_cast<double>(callers.size());
 }
 
+// The median of the times of `requests` on this thread.
+double MedianRequest(Channel& channel, int requests) {
+    std::vector<double> times;
+    Bytes payload = Payload(kSize);
+    for (int i = 0; i < requests; ++i) {
+        const auto start = Clock::now();
+        channel.Request(payload);
+        times.push_back(SecondsSince(start));
+    }
+    std::sort(times.begin(), times.end());
+    return times[times.size() / 2];
+}
+
 }  // namespace
 
 void MeasureScale(std::size_t count, int round) {
@@ -66,8 +79,7 @@ void MeasureScale(std::size_t count, int round) {
     for (const auto& channel : channels) {
         all.push_back(channel.get());
     }
-    TimePerRequest({all.front()}, kRequests / 10);  // warm
-    Report("scale", "idle", "channel", count, round, TimePerRequest({all.front()}, kRequests));
+    Report("scale", "idle", "channel", count, round, MedianRequest(*all.front(), kRequests));
     const int share = std::max(1, kRequests / static_cast<int>(count));
     Report("scale", "busy", "channel", count, round, TimePerRequest(all, share));
 }
