@@ -26,15 +26,18 @@ std::vector<std::size_t> Sizes(Extent extent) {
 int Rounds(Extent extent, std::size_t size, Conversion conversion) {
     const bool quick = extent == Extent::Quick;
     if (size <= 1024) {
-        return quick ? 300 : 1000;
+        return quick ? 300 : 600;
     }
     if (size <= 16384) {
         return quick ? 60 : 150;
     }
-    if (conversion == Conversion::Bulk) {
-        return size <= 1048576 ? (quick ? 25 : 40) : 11;
+    if (conversion == Conversion::PerByte) {
+        return size <= 65536 ? 9 : size <= 4194304 ? 3 : 1;
     }
-    return size <= 65536 ? 11 : 3;
+    if (size <= 262144) {
+        return quick ? 60 : 150;
+    }
+    return size <= 1048576 ? 60 : 15;
 }
 
 // Enough to forget what the contender before has left behind.

@@ -35,6 +35,7 @@ double TimePerRequest(const std::vector<Channel*>& callers, int requests) {
 // The median of the times of `requests` on this thread.
 double MedianRequest(Channel& channel, int requests) {
     std::vector<double> times;
+    times.reserve(static_cast<std::size_t>(requests));
     Bytes payload = Payload(kSize);
     for (int i = 0; i < requests; ++i) {
         const auto start = Clock::now();
