@@ -2,7 +2,7 @@
 # Measures the channel beside GDBus, sd-bus, sdbus-c++ and a bare socket pair: installs what is
 # missing, builds, measures, and prints goals and tables. Leaves figures.csv, report.md and the plots
 # in build/bench/results.
-#   --quick    fewer rounds and sizes: under a minute instead of under ten
+#   --quick    fewer rounds and sizes: under a minute
 #   --record   puts tables and plots into docs/
 set -eu
 cd "$(dirname "$0")/.."
