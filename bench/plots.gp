@@ -4,7 +4,6 @@ set key top left reverse Left
 set grid
 
 set logscale xy
-set format x "%.0b %B"
 set xlabel "payload, bytes"
 set ylabel "round trip, µs"
 set xrange [1:*]
