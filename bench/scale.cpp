@@ -34,13 +34,12 @@ double TimePerRequest(const std::vector<Channel*>& callers, int requests) {
 
 // The median of the times of `requests` on this thread.
 double MedianRequest(Channel& channel, int requests) {
-    std::vector<double> times;
-    times.reserve(static_cast<std::size_t>(requests));
+    std::vector<double> times(static_cast<std::size_t>(requests));
     Bytes payload = Payload(kSize);
-    for (int i = 0; i < requests; ++i) {
+    for (double& time : times) {
         const auto start = Clock::now();
         channel.Request(payload);
-        times.push_back(SecondsSince(start));
+        time = SecondsSince(start);
     }
     std::sort(times.begin(), times.end());
     return times[times.size() / 2];
