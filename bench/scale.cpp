@@ -63,6 +63,7 @@ void MeasureScale(std::size_t count, int round) {
     const double heap = HeapInUse();
     const auto start = Clock::now();
     std::vector<std::unique_ptr<Channel>> channels;
+    channels.reserve(names.size());
     for (const auto& name : names) {
         channels.push_back(MakeChannel(name));
     }
