@@ -73,41 +73,39 @@ void StubChannel::HandleConnectionReady(bool state, const std::string& partner) 
                                   (state ? "true, " : "false, ") + Quoted(partner.c_str()));
 }
 
-// ---- ConformanceTest ----
+// ---- ChannelLife ----
 
-ConformanceTest::ConformanceTest() {
-    alarm(kSecondsPerTest);
-}
-
-ConformanceTest::~ConformanceTest() {
+ChannelLife::~ChannelLife() {
     world.Record(false);
-    channel.reset();
-    alarm(0);
 }
 
-void ConformanceTest::Construct(Handlers handlers) {
+std::vector<char> ToBytes(const std::string& text) {
+    return {text.begin(), text.end()};
+}
+
+void ChannelLife::Construct(Handlers handlers) {
     channel.reset(new StubChannel("demo", handlers));
 }
 
-void ConformanceTest::Hear(NameOwnerChanged stage, const std::string& old_owner,
-                           const std::string& new_owner) {
+void ChannelLife::Hear(NameOwnerChanged stage, const std::string& old_owner,
+                       const std::string& new_owner) {
     Deliver(stage, g_variant_new_parsed("('a.name', %s, %s)", old_owner.c_str(), new_owner.c_str()),
             world.Connection(), channel.get());
 }
 
-void ConformanceTest::Deliver(NameOwnerChanged stage, GVariant* body, GDBusConnection* connection,
-                              gpointer user_data) {
+void ChannelLife::Deliver(NameOwnerChanged stage, GVariant* body, GDBusConnection* connection,
+                          gpointer user_data) {
     g_variant_ref_sink(body);
     stage(connection, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
           "NameOwnerChanged", body, user_data);
     Unref(body);
 }
 
-void ConformanceTest::Lose(const std::string& name) {
+void ChannelLife::Lose(const std::string& name) {
     TevrolDbusRemote::cb_PartnerNameVanished(world.Connection(), name.c_str(), channel.get());
 }
 
-void ConformanceTest::Receive(GVariant* body) {
+void ChannelLife::Receive(GVariant* body) {
     g_variant_ref_sink(body);
     TevrolDbusRemote::cb_MethodCall(world.Connection(), ":1.5", channel->m_object_name.c_str(),
                                     "an.interface", "AMethod", body, world.Invocation(),
@@ -115,31 +113,41 @@ void ConformanceTest::Receive(GVariant* body) {
     Unref(body);
 }
 
-void ConformanceTest::ReceiveSignal(GVariant* body, const char* member) {
+void ChannelLife::ReceiveSignal(GVariant* body, const char* member) {
     g_variant_ref_sink(body);
     TevrolDbusRemote::cb_SignalCall(world.Connection(), ":1.5", channel->m_object_name.c_str(),
                                     "an.interface", member, body, channel.get());
     Unref(body);
 }
 
-void ConformanceTest::ConstructBound() {
+void ChannelLife::ConstructBound() {
     Construct();
     Hear(&TevrolDbusRemote::cb_SynNameOwnerChanged, ":1.5");
 }
 
-void ConformanceTest::ConstructReady(Handlers handlers) {
+void ChannelLife::ConstructReady(Handlers handlers) {
     Construct(handlers);
     Hear(&TevrolDbusRemote::cb_SynAckNameOwnerChanged, ":1.5");
 }
 
-void ConformanceTest::Record() {
+void ChannelLife::Record() {
     world.NoteState();  // what is the case already is no event
     world.Record(true);
 }
 
-void ConformanceTest::Stop() {
+void ChannelLife::Stop() {
     world.NoteState();
     world.Record(false);
+}
+
+// ---- ConformanceTest ----
+
+ConformanceTest::ConformanceTest() {
+    alarm(kSecondsPerTest);
+}
+
+ConformanceTest::~ConformanceTest() {
+    alarm(0);
 }
 
 void ConformanceTest::Matches() {

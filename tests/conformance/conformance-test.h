@@ -30,14 +30,13 @@ private:
     const Handlers m_handlers;
 };
 
-class ConformanceTest : public testing::Test {
-protected:
-    ConformanceTest();
-    ~ConformanceTest() override;
-
+// The life of one channel in one stub world.
+struct ChannelLife {
     using Handlers = StubChannel::Handlers;
     using NameOwnerChanged = void (*)(GDBusConnection*, const gchar*, const gchar*, const gchar*,
                                       const gchar*, GVariant*, gpointer);
+
+    ~ChannelLife();
 
     // Constructs the channel "demo".
     void Construct(Handlers handlers = Handlers::Recorded);
@@ -45,9 +44,9 @@ protected:
     void Hear(NameOwnerChanged stage, const std::string& old_owner,
               const std::string& new_owner = "");
     // The same with any body, connection and object.
-    void Deliver(NameOwnerChanged stage, GVariant* body, GDBusConnection* connection,
-                 gpointer user_data);
-    // The name of the bound partner leaves the bus.
+    static void Deliver(NameOwnerChanged stage, GVariant* body, GDBusConnection* connection,
+                        gpointer user_data);
+    // A name leaves the bus.
     void Lose(const std::string& name);
     // A request and a signal of the partner ":1.5", on the channel's path.
     void Receive(GVariant* body);
@@ -56,18 +55,23 @@ protected:
     void ConstructBound();
     void ConstructReady(Handlers handlers = Handlers::Recorded);
 
-    // From here on what happens is written down; until Matches() or Stop().
+    // From here on what happens is written down; until Stop().
     void Record();
     void Stop();
-    // What is written down against the recording of this test: the section with its name in the
-    // file recordings/SUITE.txt. Where they differ, the one that was made is left in the current
-    // folder as "SUITE.made", to be read and, if it is right, to be moved there.
-    void Matches();
-
-    static std::vector<char> Bytes(const std::string& text) {
-        return {text.begin(), text.end()};
-    }
 
     StubWorld world;
     std::unique_ptr<StubChannel> channel;
+};
+
+std::vector<char> ToBytes(const std::string& text);
+
+class ConformanceTest : public testing::Test, protected ChannelLife {
+protected:
+    ConformanceTest();
+    ~ConformanceTest() override;
+
+    // Stops, and compares what is written down with the recording of this test: the section with
+    // its name in the file recordings/SUITE.txt. Where they differ, the one that was made is left
+    // in the current folder as "SUITE.made", to be read and, if it is right, to be moved there.
+    void Matches();
 };

@@ -85,7 +85,7 @@ TEST_F(Layout, HandlersAreInTheirSlotsBehindTheDestructor) {
 TEST_F(Layout, SlotsOfTheTableCallTheHandlers) {
     void* const* table = *reinterpret_cast<void***>(channel.get());
     Record();
-    std::vector<char> data = Bytes("hi");
+    std::vector<char> data = ToBytes("hi");
     using Notify = void (*)(Channel*, std::vector<char>&);
     reinterpret_cast<Notify>(table[3])(channel.get(), data);
     using Ready = void (*)(Channel*, bool, const std::string&);

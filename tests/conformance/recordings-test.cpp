@@ -507,12 +507,12 @@ TEST_F(Teardown, WithANameOwned) {
 class Request : public ConformanceTest {
 protected:
     void RecordRequest(const std::string& expected, const std::string& text = "hi") {
-        std::vector<char> data = Bytes(text);
+        std::vector<char> data = ToBytes(text);
         Record();
         const std::vector<char> reply = channel->SendMessage(data);
         Matches();
-        EXPECT_EQ(reply, Bytes(expected));
-        EXPECT_EQ(data, Bytes(text));
+        EXPECT_EQ(reply, ToBytes(expected));
+        EXPECT_EQ(data, ToBytes(text));
     }
 };
 
@@ -631,14 +631,14 @@ TEST_F(IncomingRequest, OfAnotherTypeIsTakenAsEmpty) {
 class Notification : public ConformanceTest {
 protected:
     void RecordNotification() {
-        std::vector<char> data = Bytes("hi");
+        std::vector<char> data = ToBytes("hi");
         Record();
         channel->SendNotification(data);
         Matches();
-        EXPECT_EQ(data, Bytes("hi"));
+        EXPECT_EQ(data, ToBytes("hi"));
     }
     void RecordNotificationTo(const std::string& partner) {
-        std::vector<char> data = Bytes("hi");
+        std::vector<char> data = ToBytes("hi");
         Record();
         channel->SendNotification(data, partner);
         Matches();

@@ -154,34 +154,33 @@ bool StubWorld::Watches(const std::string& name) const {
 
 // ---- Events ----
 
+std::optional<Failure> StubWorld::Decide(const std::string& function, const std::string& method,
+                                         bool takes_error) {
+    m_failable.push_back({static_cast<int>(m_failable.size()) + 1, function, method, takes_error});
+    if (!plan) {
+        return std::nullopt;
+    }
+    const auto decide = plan;  // which may replace itself
+    return decide(m_failable.back());
+}
+
 StubWorld::Outcome StubWorld::Begin(const std::string& function,
                                     const std::vector<std::string>& arguments,
                                     const std::string& method, const std::string& subject,
                                     bool failable, bool takes_error) {
-    std::optional<Failure> failure;
-    if (failable) {
-        m_failable.push_back(
-            {static_cast<int>(m_failable.size()) + 1, function, method, takes_error});
-        if (plan) {
-            const auto decide = plan;  // which may replace itself
-            failure = decide(m_failable.back());
-        }
-    }
+    const std::optional<Failure> failure =
+        failable ? Decide(function, method, takes_error) : std::nullopt;
     NoteState();
     Event event{Event::Kind::Call, function + "(" + Join(arguments) + ")", function};
     event.method = method;
     event.subject = subject;
     if (failure) {
-        Fill(event, *failure);
+        event.failed = true;
+        event.with_error = takes_error && failure->with_error && !failure->code;
+        event.code = failure->code;
     }
     Remember(event);
     return {failure, m_events.size()};
-}
-
-void StubWorld::Fill(Event& event, const Failure& failure) const {
-    event.failed = true;
-    event.with_error = failure.with_error && !failure.code;
-    event.code = failure.code;
 }
 
 void StubWorld::End(const Outcome& outcome, const std::string& result) {
@@ -194,7 +193,7 @@ void StubWorld::Call(const std::string& function, const std::vector<std::string>
     Begin(function, arguments);
 }
 
-void StubWorld::Log(int log_id, int priority, const char* tag, const std::string& text) {
+bool StubWorld::Log(int log_id, int priority, const char* tag, const std::string& text) {
     if (m_channel != nullptr && m_channel_end != nullptr && !m_channel_readable &&
         text.find("] Constructor\n\n") != std::string::npos) {
         m_channel_readable = true;  // all members are initialised by now
@@ -212,6 +211,7 @@ void StubWorld::Log(int log_id, int priority, const char* tag, const std::string
                 event.message;
     }
     event.priority = priority;
+    event.failed = Decide("__dlog_print", "", false).has_value();
     const std::string buffer =
         log_id == LOG_ID_MAIN ? "LOG_ID_MAIN" : "buffer " + std::to_string(log_id);
     const std::string level = priority == DLOG_DEBUG   ? "DLOG_DEBUG"
@@ -220,6 +220,7 @@ void StubWorld::Log(int log_id, int priority, const char* tag, const std::string
     event.text = "__dlog_print(" + Join({buffer, level, Quoted(tag), Quoted(shown.c_str())}) + ")";
     NoteState();
     Remember(event);
+    return !event.failed;
 }
 
 void StubWorld::Handler(const std::string& function, const std::string& arguments) {

@@ -112,9 +112,12 @@ public:
                   bool failable = false, bool takes_error = false);
     void End(const Outcome& outcome, const std::string& result);
     void Call(const std::string& function, const std::vector<std::string>& arguments);
-    void Log(int log_id, int priority, const char* tag, const std::string& text);
+    // False when writing the line is planned to fail.
+    bool Log(int log_id, int priority, const char* tag, const std::string& text);
     void Handler(const std::string& function, const std::string& arguments);
     void GlibReport(const std::string& text);
+    std::optional<Failure> Decide(const std::string& function, const std::string& method,
+                                  bool takes_error);
     void Remember(Event event);
     void NoteState(bool with_map = true);
     bool Recording() const {
@@ -133,7 +136,6 @@ public:
     void SetError(GError** error, int code);
     GVariant* Reply(GVariant* value);
     void ReleaseReply(GVariant* value);
-    void Fill(Event& event, const Failure& failure) const;
 
     void BeginChannel(TevrolDbusRemote* channel, std::size_t size);
     void EndChannel();

@@ -96,9 +96,9 @@ int __dlog_print(int log_id, int priority, const char* tag, const char* format, 
     char* text = nullptr;
     const int length = vasprintf(&text, format, args);
     va_end(args);
-    World().Log(log_id, priority, tag, text);
+    const bool written = World().Log(log_id, priority, tag, text);
     free(text);
-    return length;
+    return written ? length : -1;
 }
 
 // ---- GObject, GError ----
