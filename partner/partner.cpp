@@ -225,6 +225,10 @@ void Partner::JoinNow() {
     if (m_bus != nullptr) {
         return;
     }
+    const bool usable =
+        sd_bus_object_path_is_valid(m_path.c_str()) > 0 &&
+        sd_bus_service_name_is_valid(Name(kOwnRole, HandshakeStage::SynAck).c_str()) > 0;
+    Check(usable ? 0 : -EINVAL, "cannot use the channel name \"" + m_channel + "\"");
     try {
         Check(sd_bus_open_system(&m_bus), "cannot reach the system bus");
         Check(sd_bus_attach_event(m_bus, m_event, SD_EVENT_PRIORITY_NORMAL), "event loop");
@@ -290,6 +294,17 @@ void Partner::Export() {
                                  SD_BUS_VTABLE_UNPRIVILEGED),
         SD_BUS_VTABLE_END};
     Check(sd_bus_add_object_vtable(m_bus, nullptr, m_path.c_str(), kInterface, vtable, this),
+          "cannot export " + m_path);
+    // sd-bus lets no reply out of the vtable that is not of the declared type, so the one on
+    // purpose is given ahead of it.
+    const auto answer_wrongly = [](sd_bus_message* call, void* data, sd_bus_error*) {
+        auto* self = static_cast<Partner*>(data);
+        return self->m_faults.reply == PartnerFaults::Reply::WrongType &&
+                       sd_bus_message_is_method_call(call, kInterface, kMethod) > 0
+                   ? self->OnRequest(call)
+                   : 0;
+    };
+    Check(sd_bus_add_object(m_bus, nullptr, m_path.c_str(), answer_wrongly, this),
           "cannot export " + m_path);
     const auto on_disconnected = [](sd_bus_message*, void* self, sd_bus_error*) {
         static_cast<Partner*>(self)->LeaveNow();
@@ -428,8 +443,8 @@ void Partner::OnClientName(HandshakeStage stage, const std::string& announcer) {
         return;
     }
     const bool completes = stage == HandshakeStage::SynAck;
-    Bind(announcer);
-    if (Answer(completes ? HandshakeStage::Ack : HandshakeStage::SynAck) && completes) {
+    if (Bind(announcer) && Answer(completes ? HandshakeStage::Ack : HandshakeStage::SynAck) &&
+        completes) {
         Complete();
     }
 }
@@ -443,7 +458,7 @@ void Partner::Complete() {
     LeaveAt(Moment::OnReady);
 }
 
-void Partner::Bind(const std::string& client) {
+bool Partner::Bind(const std::string& client) {
     const auto on_owner_change = [](sd_bus_message* signal, void* self, sd_bus_error*) {
         if (!Releaser(signal).empty()) {
             static_cast<Partner*>(self)->Lose();
@@ -463,12 +478,14 @@ void Partner::Bind(const std::string& client) {
                         nullptr, on_signal, this);
     // A client that was gone before the watch stood is not reported by it.
     sd_bus_error error{};
-    if (sd_bus_call_method(m_bus, kDriver, kDriverPath, kDriver, "GetNameOwner", &error, nullptr,
-                           "s", client.c_str()) < 0 &&
-        sd_bus_error_has_name(&error, SD_BUS_ERROR_NAME_HAS_NO_OWNER)) {
+    const bool gone = sd_bus_call_method(m_bus, kDriver, kDriverPath, kDriver, "GetNameOwner",
+                                         &error, nullptr, "s", client.c_str()) < 0 &&
+                      sd_bus_error_has_name(&error, SD_BUS_ERROR_NAME_HAS_NO_OWNER);
+    sd_bus_error_free(&error);
+    if (gone) {
         Lose();
     }
-    sd_bus_error_free(&error);
+    return !gone;
 }
 
 void Partner::Unbind() {

@@ -172,7 +172,8 @@ private:
     // the client stays bound. False when it has left the bus.
     bool Answer(HandshakeStage stage);
     void Resend();
-    void Bind(const std::string& client);
+    // False when the client has left the bus already: then it is lost, not bound.
+    bool Bind(const std::string& client);
     void Unbind();
     void Lose();
     void Complete();

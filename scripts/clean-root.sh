@@ -22,4 +22,4 @@ mount -t proc proc "$root/proc"
 mount --bind /dev "$root/dev"
 git clone --quiet . "$root/project"
 
-chroot "$root" /bin/sh -c 'cd /project && time ./scripts/demo.sh && time ./scripts/test.sh'
+chroot "$root" /bin/bash -c 'cd /project && time ./scripts/demo.sh && time ./scripts/test.sh'

@@ -29,8 +29,9 @@
 // for two lines of SendMessage on standard output.
 //
 // Channel names. A name is used unchanged inside bus names and as the last element of an object
-// path, and is not validated: letters, digits and underscores are safe. With any other name the
-// object is constructed and, as no partner can serve it, does not become ready.
+// path, and is not validated: letters, digits and underscores are safe, as long as it does not begin
+// with a digit. With any other name the object is constructed and, as no partner can serve it, does
+// not become ready.
 #pragma once
 
 #include <gio/gio.h>

@@ -9,16 +9,6 @@
 
 GDBusConnection* ChannelTest::connection = nullptr;
 
-namespace {
-
-GVariant* CallDriver(GDBusConnection* connection, const char* method, GVariant* parameters) {
-    return g_dbus_connection_call_sync(connection, "org.freedesktop.DBus", "/org/freedesktop/DBus",
-                                       "org.freedesktop.DBus", method, parameters, nullptr,
-                                       G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr);
-}
-
-}  // namespace
-
 Bytes AllByteValues() {
     Bytes bytes;
     for (int value = 0; value < 256; ++value) {
@@ -27,23 +17,62 @@ Bytes AllByteValues() {
     return bytes;
 }
 
+Connection OpenConnection(const std::string& address) {
+    return Connection(g_dbus_connection_new_for_address_sync(
+        address.c_str(),
+        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+        nullptr, nullptr, nullptr));
+}
+
+GVariant* CallDriver(GDBusConnection* connection, const char* method, GVariant* parameters) {
+    return g_dbus_connection_call_sync(connection, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                       "org.freedesktop.DBus", method, parameters, nullptr,
+                                       G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr);
+}
+
 // ---- TestPartner ----
 
 TestPartner::TestPartner(const std::string& channel, std::function<Bytes(const Bytes&)> answer)
     : TestPartner(channel, std::move(answer), std::make_shared<Recorded>()) {}
 
 TestPartner::TestPartner(const std::string& channel, std::function<Bytes(const Bytes&)> answer,
-                         std::shared_ptr<Recorded> recorded)
+                         const std::shared_ptr<Recorded>& recorded)
     : Partner(channel, {std::move(answer),
                         [recorded](const tevrol::PartnerEvent& event) {
-                            const std::lock_guard<std::mutex> lock(recorded->mutex);
-                            recorded->lines.push_back(ToString(event));
+                            std::unique_lock<std::mutex> lock(recorded->mutex);
+                            recorded->events.push_back(event);
+                            const auto then = recorded->then;
+                            lock.unlock();
+                            if (then) {
+                                then(event);
+                            }
                         }}),
       m_recorded(recorded) {}
 
 std::vector<std::string> TestPartner::Events() const {
     const std::lock_guard<std::mutex> lock(m_recorded->mutex);
-    return m_recorded->lines;
+    std::vector<std::string> lines;
+    for (const tevrol::PartnerEvent& event : m_recorded->events) {
+        lines.push_back(ToString(event));
+    }
+    return lines;
+}
+
+std::vector<Bytes> TestPartner::Payloads(tevrol::PartnerEvent::Kind kind) const {
+    const std::lock_guard<std::mutex> lock(m_recorded->mutex);
+    std::vector<Bytes> payloads;
+    for (const tevrol::PartnerEvent& event : m_recorded->events) {
+        if (event.kind == kind) {
+            payloads.push_back(event.payload);
+        }
+    }
+    return payloads;
+}
+
+void TestPartner::OnEvent(std::function<void(const tevrol::PartnerEvent&)> then) {
+    const std::lock_guard<std::mutex> lock(m_recorded->mutex);
+    m_recorded->then = std::move(then);
 }
 
 int TestPartner::Count(const std::string& event) const {
@@ -122,7 +151,7 @@ void ChannelTest::Settle() {
     }
 }
 
-void ChannelTest::Connect(TestPartner& partner, TestChannel& channel) {
+void ChannelTest::Connect(TestPartner& partner, TevrolDbusRemote& channel) {
     partner.Join();
     partner.Open();
     ASSERT_TRUE(IterateUntil([&] { return channel.IsConnectionReady() && partner.IsReady(); }));

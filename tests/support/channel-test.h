@@ -12,6 +12,7 @@
 
 #include <functional>
 #include <future>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <utility>
@@ -34,6 +35,14 @@ using tevrol::ToBytes;
 // Every byte value once, in order.
 Bytes AllByteValues();
 
+using Connection = std::unique_ptr<GDBusConnection, tevrol::GObjectUnref>;
+
+// A further connection, which the bus takes for another process; null when no bus listens there.
+Connection OpenConnection(const std::string& address);
+
+// Calls a method of the bus driver. The reply is the caller's; null on failure.
+GVariant* CallDriver(GDBusConnection* connection, const char* method, GVariant* parameters);
+
 // A partner that keeps its events as the lines they print as ("ready :1.0", "announced SYN").
 class TestPartner : public tevrol::Partner {
 public:
@@ -41,6 +50,16 @@ public:
                          std::function<Bytes(const Bytes&)> answer = {});
 
     std::vector<std::string> Events() const;
+    // What requests and notifications have brought, whole and in order.
+    std::vector<Bytes> Requests() const {
+        return Payloads(tevrol::PartnerEvent::Kind::Request);
+    }
+    std::vector<Bytes> Notifications() const {
+        return Payloads(tevrol::PartnerEvent::Kind::Notification);
+    }
+    // Called on the partner's thread for each event that happens once this is set, after the event
+    // was recorded.
+    void OnEvent(std::function<void(const tevrol::PartnerEvent&)> then);
     // How often the event has happened so far.
     int Count(const std::string& event) const;
     bool Saw(const std::string& event) const {
@@ -50,10 +69,12 @@ public:
 private:
     struct Recorded {
         mutable std::mutex mutex;
-        std::vector<std::string> lines;
+        std::vector<tevrol::PartnerEvent> events;
+        std::function<void(const tevrol::PartnerEvent&)> then;
     };
     TestPartner(const std::string& channel, std::function<Bytes(const Bytes&)> answer,
-                std::shared_ptr<Recorded> recorded);
+                const std::shared_ptr<Recorded>& recorded);
+    std::vector<Bytes> Payloads(tevrol::PartnerEvent::Kind kind) const;
 
     std::shared_ptr<Recorded> m_recorded;
 };
@@ -125,7 +146,7 @@ protected:
     static void Settle();
 
     // Joins the bus, opens the handshake and waits until both ends are ready.
-    static void Connect(TestPartner& partner, TestChannel& channel);
+    static void Connect(TestPartner& partner, TevrolDbusRemote& channel);
 
     // Waits for the outcome of a request that a partner made, while the loop runs.
     static PartnerReply Await(std::future<PartnerReply> future);

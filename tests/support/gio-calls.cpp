@@ -22,6 +22,14 @@ std::vector<std::string> g_calls;
 std::list<PlannedFailure> g_failures;
 std::list<std::pair<std::string, guint32>> g_codes;
 
+// A reply in the guise in which its end can be seen.
+struct WatchedReply {
+    GVariant* original = nullptr;
+    GVariant* handed_out = nullptr;
+};
+std::mutex g_reply_mutex;  // guards the one below
+WatchedReply g_last_reply;
+
 bool BeginsWith(const std::string& text, const std::string& beginning) {
     return text.compare(0, beginning.size(), beginning) == 0;
 }
@@ -55,6 +63,31 @@ std::optional<guint32> TakeCode(const std::string& method) {
         }
     }
     return std::nullopt;
+}
+
+void ForgetReply(gpointer original) {
+    {
+        const std::lock_guard<std::mutex> lock(g_reply_mutex);
+        if (g_last_reply.original == original) {
+            g_last_reply = {};
+        }
+    }
+    g_variant_unref(static_cast<GVariant*>(original));
+}
+
+// The same value as `reply`, which it takes over, in memory that tells when it is given up: a
+// GVariant has no count of references to look at.
+GVariant* Watch(GVariant* reply) {
+    GBytes* content = g_bytes_new_with_free_func(g_variant_get_data(reply),
+                                                 g_variant_get_size(reply), ForgetReply, reply);
+    GVariant* handed_out =
+        g_variant_ref_sink(g_variant_new_from_bytes(g_variant_get_type(reply), content, TRUE));
+    {
+        const std::lock_guard<std::mutex> lock(g_reply_mutex);
+        g_last_reply = {reply, handed_out};
+    }
+    g_bytes_unref(content);
+    return handed_out;
 }
 
 void Discard(GVariant* floating) {
@@ -109,6 +142,11 @@ void Fail(const std::string& beginning, int times, Failure failure) {
 void AnswerCode(const std::string& method, guint32 code) {
     const std::lock_guard<std::mutex> lock(g_mutex);
     g_codes.emplace_back(method, code);
+}
+
+GVariant* LastReply() {
+    const std::lock_guard<std::mutex> lock(g_reply_mutex);
+    return g_last_reply.handed_out;
 }
 
 }  // namespace gio_calls
@@ -239,8 +277,9 @@ GVariant* __wrap_g_dbus_proxy_call_sync(GDBusProxy* proxy, const gchar* method,
         Discard(parameters);
         return nullptr;
     }
-    return __real_g_dbus_proxy_call_sync(proxy, method, parameters, flags, timeout, cancellable,
-                                         error);
+    GVariant* reply = __real_g_dbus_proxy_call_sync(proxy, method, parameters, flags, timeout,
+                                                    cancellable, error);
+    return reply == nullptr ? nullptr : Watch(reply);
 }
 
 gboolean __real_g_dbus_connection_emit_signal(GDBusConnection*, const gchar*, const gchar*,

@@ -27,4 +27,8 @@ void Fail(const std::string& beginning, int times = 1, Failure failure = Failure
 // The next call of the bus driver's `method` answers `code` without reaching the bus.
 void AnswerCode(const std::string& method, guint32 code);
 
+// The reply that the last successful g_dbus_proxy_call_sync returned; null once nothing refers to
+// it any more.
+GVariant* LastReply();
+
 }  // namespace gio_calls

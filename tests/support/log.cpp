@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <mutex>
 #include <regex>
+#include <utility>
 
 #include "platform/dlog.h"
 

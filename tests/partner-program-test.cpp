@@ -1,0 +1,294 @@
+// The partner as a program: its options, its commands and how it ends.
+#include <algorithm>
+#include <csignal>
+
+#include "tests/support/channel-test.h"
+#include "tests/support/program.h"
+#include "tools/partner-process.h"
+
+namespace {
+
+using testing::Contains;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+using testing::StartsWith;
+using tevrol::PartnerProcess;
+
+constexpr const char* kProgram = TEVROL_PARTNER_PROGRAM;
+
+class PartnerProgram : public ChannelTest {
+protected:
+    void Start(const std::vector<std::string>& options = {}) {
+        partner = std::make_unique<PartnerProcess>(kProgram, "demo", options);
+    }
+
+    void StartAndConnect(const std::vector<std::string>& options = {}) {
+        Start(options);
+        ASSERT_TRUE(IterateUntil([&] { return channel.IsConnectionReady() && Printed("ready "); }));
+    }
+
+    bool Printed(const std::string& beginning) const {
+        return partner->Find(beginning).has_value();
+    }
+
+    // Gives a command and waits for the line that tells its outcome; whether that came.
+    bool Command(const std::string& command, const std::string& outcome) {
+        const std::size_t before = partner->Lines().size();
+        partner->Command(command);
+        return IterateUntil([&] { return partner->Find(outcome, before).has_value(); });
+    }
+
+    Bytes Send(const std::string& text) {
+        Bytes data = ToBytes(text);
+        return channel.SendMessage(data);
+    }
+
+    // Runs the program by itself to its end.
+    static ProgramResult Run(const std::vector<std::string>& arguments,
+                             const std::string& input = "") {
+        std::vector<std::string> command = {kProgram};
+        command.insert(command.end(), arguments.begin(), arguments.end());
+        return RunProgram(command, input);
+    }
+
+    static void ExpectUsageError(const ProgramResult& result, const std::string& complaint) {
+        EXPECT_EQ(result.status, 64) << result.errors;
+        EXPECT_THAT(result.errors, HasSubstr("tevrol-partner: " + complaint + "\n"));
+        EXPECT_THAT(result.output, IsEmpty());
+    }
+
+    TestChannel channel;
+    std::unique_ptr<PartnerProcess> partner;
+};
+
+// ---- Options ----
+
+TEST_F(PartnerProgram, AnnouncesItselfAndPrintsEachEventAsALine) {
+    StartAndConnect();
+    EXPECT_EQ(Send("hello"), ToBytes("hello"));
+    const std::string own = OwnName();
+    ASSERT_TRUE(IterateUntil([&] { return Printed("request from"); }));
+    EXPECT_THAT(partner->Lines(),
+                ElementsAre(StartsWith("joined :1."), "announced SYN", "heard SYN_ACK from " + own,
+                            "bound " + own, "announced ACK", "ready " + own,
+                            "request from " + own + ": 5 bytes \"hello\""));
+}
+
+TEST_F(PartnerProgram, ToldToWaitAnnouncesNothingAndAnswersASyn) {
+    Start({"--wait"});
+    ASSERT_TRUE(IterateUntil([&] { return Printed("joined "); }));
+    TestChannel late;
+    ASSERT_TRUE(IterateUntil([&] { return late.IsConnectionReady() && Printed("ready "); }));
+    EXPECT_THAT(partner->Lines(), Not(Contains("announced SYN")));
+    EXPECT_THAT(partner->Lines(), Contains("announced SYN_ACK"));
+}
+
+TEST_F(PartnerProgram, AnswersWithTheGivenPayload) {
+    StartAndConnect({"--answer=hex:00ff"});
+    EXPECT_EQ(Send("anything"), (Bytes{'\x00', '\xff'}));
+}
+
+TEST_F(PartnerProgram, ToldToAnswerNeverDoesNot) {
+    StartAndConnect({"--fault=never"});
+    auto waiting = std::async(std::launch::async, [&] { return Send("x"); });
+    ASSERT_TRUE(IterateUntil([&] { return Printed("request from"); }));
+    // A later command is carried out, and still there is no reply.
+    EXPECT_TRUE(Command("notify x", "notified"));
+    EXPECT_EQ(waiting.wait_for(std::chrono::seconds(0)), std::future_status::timeout);
+    partner->Kill();
+    EXPECT_THAT(waiting.get(), IsEmpty());
+}
+
+TEST_F(PartnerProgram, ToldToAnswerLateDoesAfterThatTime) {
+    StartAndConnect({"--fault=late", "--lateness=100"});
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(Send("late"), ToBytes("late"));
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(100));
+}
+
+TEST_F(PartnerProgram, ToldToAnswerWithAnErrorOrAWrongTypeDoes) {
+    StartAndConnect({"--fault=error"});
+    EXPECT_THAT(Send("x"), IsEmpty());
+    EXPECT_THAT(Errors().back().message, HasSubstr("refused on purpose"));
+    partner->Kill();
+    ASSERT_TRUE(IterateUntil([&] { return !channel.IsConnectionReady(); }));
+    StartAndConnect({"-f", "wrong-type"});
+    EXPECT_THAT(Send("x"), IsEmpty());
+    EXPECT_THAT(Errors().back().message, HasSubstr("type (s) instead"));
+}
+
+TEST_F(PartnerProgram, LeavesOnARequestInsteadOfTheReply) {
+    StartAndConnect({"--leave=request"});
+    EXPECT_THAT(Send("x"), IsEmpty());
+    EXPECT_TRUE(IterateUntil([&] { return Printed("left"); }));
+}
+
+TEST_F(PartnerProgram, HoldsAClientNameFromTheStartUntilItIsToldToReleaseIt) {
+    Start({"--hold=syn-ack"});
+    ASSERT_TRUE(IterateUntil([] { return !Errors().empty(); }));
+    EXPECT_THAT(Errors().front(),
+                Error("BroadcastName", "Cannot own name due to return code = 3\n\n"));
+    EXPECT_TRUE(Command("release syn-ack", "released"));
+    EXPECT_TRUE(IterateUntil([&] { return channel.IsConnectionReady() && Printed("ready "); }));
+}
+
+TEST_F(PartnerProgram, ShowsItsHelpWhenAsked) {
+    const ProgramResult result = Run({"--help"});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_THAT(result.output, StartsWith("Usage: tevrol-partner [OPTION...] CHANNEL\n"));
+    EXPECT_THAT(result.output, HasSubstr("notify-wrong-type TEXT"));
+}
+
+TEST_F(PartnerProgram, RefusesOptionsThatItDoesNotKnow) {
+    const ProgramResult without_channel = Run({});
+    EXPECT_EQ(without_channel.status, 64);
+    EXPECT_THAT(without_channel.errors, StartsWith("Usage: tevrol-partner [OPTION...] CHANNEL\n"));
+    ExpectUsageError(Run({"demo", "other"}), "one channel at a time");
+    ExpectUsageError(Run({"demo", "--answer=hex:0"}), "unknown payload: hex:0");
+    ExpectUsageError(Run({"demo", "--fault=slow"}), "unknown fault: slow");
+    ExpectUsageError(Run({"demo", "--leave=never"}), "unknown moment: never");
+    ExpectUsageError(Run({"demo", "--hold=fin"}), "unknown stage: fin");
+    for (const std::string number : {"", "x", "-1", "1x", "1 ", "99999999999"}) {
+        ExpectUsageError(Run({"demo", "--lateness=" + number}),
+                         "no number of milliseconds: " + number);
+    }
+    EXPECT_EQ(Run({"demo", "--nonsense"}).status, 64);
+}
+
+TEST_F(PartnerProgram, FailsOnAChannelNameThatCannotBeUsed) {
+    const ProgramResult result = Run({"a-b"});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.errors,
+              "tevrol-partner: cannot use the channel name \"a-b\": Invalid argument\n");
+}
+
+TEST_F(PartnerProgram, FailsWithoutABus) {
+    bus.Kill();
+    const ProgramResult result = Run({"demo"});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_THAT(result.errors, StartsWith("tevrol-partner: cannot reach the system bus: "));
+}
+
+// ---- Commands ----
+
+TEST_F(PartnerProgram, ToldToRequestPrintsTheReply) {
+    StartAndConnect();
+    channel.answer = [](const Bytes& request) { return Bytes(request.rbegin(), request.rend()); };
+    EXPECT_TRUE(Command("request two words", "reply: 9 bytes \"sdrow owt\""));
+    EXPECT_TRUE(Command("request hex:0001", "reply: 2 bytes hex:0100"));
+    EXPECT_TRUE(Command("request", "reply: 0 bytes"));
+    EXPECT_THAT(channel.Requests(),
+                ElementsAre(ToBytes("two words"), Bytes{'\0', '\x01'}, Bytes()));
+}
+
+TEST_F(PartnerProgram, ToldToRequestWithoutAPartnerPrintsWhyThereIsNoReply) {
+    Start({"--wait"});
+    EXPECT_TRUE(Command("request x", "no reply: not ready"));
+    EXPECT_TRUE(Command("notify x", "not notified: no partner"));
+    EXPECT_TRUE(Command("notify-wrong-type x", "not notified: no partner"));
+}
+
+TEST_F(PartnerProgram, ToldToNotifySendsTheNotification) {
+    StartAndConnect();
+    EXPECT_TRUE(Command("notify two words", "notified"));
+    EXPECT_TRUE(IterateUntil([&] { return channel.Notifications().size() == 1; }));
+    EXPECT_THAT(channel.Notifications(), ElementsAre(ToBytes("two words")));
+    EXPECT_TRUE(Command("notify-wrong-type text", "notified"));
+    EXPECT_TRUE(IterateUntil([] { return !Errors().empty(); }));
+    EXPECT_THAT(Errors().back().message, HasSubstr("type (s) instead"));
+}
+
+TEST_F(PartnerProgram, ToldToLeaveAndJoinDoesAndIsReadyAgain) {
+    StartAndConnect();
+    EXPECT_TRUE(Command("leave", "left"));
+    ASSERT_TRUE(IterateUntil([&] { return !channel.IsConnectionReady(); }));
+    EXPECT_TRUE(Command("join", "ready "));
+    EXPECT_TRUE(IterateUntil([&] { return channel.IsConnectionReady(); }));
+}
+
+TEST_F(PartnerProgram, ToldToAnnounceAStageDoes) {
+    Start({"--wait"});
+    for (const std::string stage : {"syn", "syn-ack", "ack"}) {
+        EXPECT_TRUE(Command("announce " + stage, "announced "));
+    }
+    // Which of them the other end heard: its log knows.
+    EXPECT_TRUE(IterateUntil([&] { return !LogOf("cb_AckNameOwnerChanged").empty(); }));
+    EXPECT_FALSE(LogOf("cb_SynNameOwnerChanged").empty());
+    EXPECT_FALSE(LogOf("cb_SynAckNameOwnerChanged").empty());
+}
+
+TEST_F(PartnerProgram, ToldToHoldAndReleaseAClientNameDoesAndSaysIfItCannot) {
+    Start({"--wait"});
+    const std::string name = "org.ulmar.Tevrol.demo_CLIENT_ACK";
+    EXPECT_TRUE(Command("hold ack", "held"));
+    EXPECT_TRUE(NameHasOwner(name));
+    EXPECT_TRUE(Command("release ack", "released"));
+    EXPECT_FALSE(NameHasOwner(name));
+    EXPECT_TRUE(Command("release ack", "not released"));
+    EXPECT_TRUE(Command("leave", "left"));
+    EXPECT_TRUE(Command("hold ack", "not held"));
+}
+
+TEST_F(PartnerProgram, SaysWhatItDoesNotUnderstandAndGoesOn) {
+    const std::vector<std::string> nonsense = {
+        "nonsense", "request hex:0", "notify hex:zz", "announce", "announce fin", "hold", "Quit",
+    };
+    std::string input;
+    std::string complaints;
+    for (const std::string& line : nonsense) {
+        input += line + "\n\n";  // empty lines are passed over
+        complaints += "tevrol-partner: not understood: " + line + "\n";
+    }
+    const ProgramResult result = Run({"demo", "--wait"}, input + "quit\n");
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.errors, complaints);
+}
+
+TEST_F(PartnerProgram, GoesOnWithoutCommandsUntilASignalEndsIt) {
+    StartAndConnect();
+    partner->Signal(SIGTERM);
+    EXPECT_TRUE(IterateUntil([&] { return !channel.IsConnectionReady(); }));
+}
+
+// ---- Leaving ----
+
+struct Leaving {
+    std::string moment;
+    std::string last_event;
+    bool waits = false;  // and answers a SYN
+};
+
+class PartnerProgramLeaving : public PartnerProgram, public testing::WithParamInterface<Leaving> {};
+
+TEST_P(PartnerProgramLeaving, LeavesAtTheMomentNamed) {
+    const Leaving& leaving = GetParam();
+    Start({leaving.waits ? "--wait" : "--lateness=0", "--leave=" + leaving.moment});
+    std::unique_ptr<TestChannel> late;
+    if (leaving.waits) {
+        ASSERT_TRUE(IterateUntil([&] { return Printed("joined "); }));
+        late = std::make_unique<TestChannel>();
+    }
+    ASSERT_TRUE(IterateUntil([&] { return Printed("left"); }));
+    const auto lines = partner->Lines();
+    EXPECT_EQ(lines.back(), "left");
+    EXPECT_THAT(lines.at(lines.size() - 2), StartsWith(leaving.last_event));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    At, PartnerProgramLeaving,
+    testing::Values(Leaving{"before-syn", "joined "}, Leaving{"during-syn", "joined "},
+                    Leaving{"after-syn", "announced SYN"},
+                    Leaving{"before-syn-ack", "bound ", true},
+                    Leaving{"during-syn-ack", "bound ", true},
+                    Leaving{"after-syn-ack", "announced SYN_ACK", true},
+                    Leaving{"before-ack", "bound "}, Leaving{"during-ack", "bound "},
+                    Leaving{"after-ack", "announced ACK"}, Leaving{"ready", "ready "}),
+    [](const auto& tested) {
+        std::string name = tested.param.moment;
+        std::replace(name.begin(), name.end(), '-', '_');
+        return name;
+    });
+
+}  // namespace

@@ -1,0 +1,82 @@
+// Payloads as people read and type them.
+#include "partner/payload.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace {
+
+using testing::Eq;
+using testing::Optional;
+using tevrol::Bytes;
+using tevrol::Describe;
+using tevrol::FromHex;
+using tevrol::ParsePayload;
+using tevrol::ToBytes;
+using tevrol::ToHex;
+
+TEST(Payload, IsTwoLowerCaseDigitsForEachByteInHex) {
+    EXPECT_EQ(ToHex({}), "");
+    EXPECT_EQ(ToHex({'\x00', '\x09', '\x0a', '\x7f', '\x80', '\xff'}), "00090a7f80ff");
+}
+
+TEST(Payload, OfEveryByteValueComesBackFromHex) {
+    for (int value = 0; value < 256; ++value) {
+        const Bytes byte = {static_cast<char>(value)};
+        EXPECT_THAT(FromHex(ToHex(byte)), Optional(byte));
+    }
+}
+
+TEST(Payload, InHexMayBeInEitherCaseOrEmpty) {
+    EXPECT_THAT(FromHex("aBCdEf"), Optional(Bytes{'\xab', '\xcd', '\xef'}));
+    EXPECT_THAT(FromHex(""), Optional(Bytes()));
+}
+
+TEST(Payload, InHexOfAnOddNumberOfDigitsOrOfOtherCharactersIsNone) {
+    for (const char* text : {"0", "123", "0g", "g0", "0x", " 00", "00 ", "0 ", "+1", "-1", "/0",
+                             ":0", "@0", "G0", "`0", "\xff\xff"}) {
+        EXPECT_THAT(FromHex(text), Eq(std::nullopt)) << text;
+    }
+}
+
+TEST(Payload, OfPrintableAsciiIsDescribedAsText) {
+    EXPECT_EQ(Describe(ToBytes("hello")), "5 bytes \"hello\"");
+    EXPECT_EQ(Describe(ToBytes(" ~")), "2 bytes \" ~\"");
+}
+
+TEST(Payload, OfAnyOtherByteIsDescribedInHex) {
+    EXPECT_EQ(Describe({'a', '\0', 'b'}), "3 bytes hex:610062");
+    EXPECT_EQ(Describe({'\x1f'}), "1 byte hex:1f");
+    EXPECT_EQ(Describe({'\x7f'}), "1 byte hex:7f");
+    EXPECT_EQ(Describe({'\xc3', '\xa4'}), "2 bytes hex:c3a4");
+}
+
+TEST(Payload, OfOneByteAndOfNoneAreDescribedAsThat) {
+    EXPECT_EQ(Describe(ToBytes("x")), "1 byte \"x\"");
+    EXPECT_EQ(Describe({}), "0 bytes");
+}
+
+TEST(Payload, OverTheLimitIsDescribedByItsBeginAndHowMuchIsLeftOut) {
+    EXPECT_EQ(Describe(ToBytes("abcdef"), 6), "6 bytes \"abcdef\"");
+    EXPECT_EQ(Describe(ToBytes("abcdef"), 4), "6 bytes \"abcd\" (+2 more)");
+    EXPECT_EQ(Describe({'a', 'b', '\0'}, 2), "3 bytes hex:6162 (+1 more)");
+    EXPECT_EQ(Describe(Bytes(65, 'x')), "65 bytes \"" + std::string(64, 'x') + "\" (+1 more)");
+}
+
+TEST(Payload, TypedAsTextIsThatText) {
+    EXPECT_THAT(ParsePayload("hello world"), Optional(ToBytes("hello world")));
+    EXPECT_THAT(ParsePayload(""), Optional(Bytes()));
+    EXPECT_THAT(ParsePayload("HEX:00"), Optional(ToBytes("HEX:00")));
+    EXPECT_THAT(ParsePayload(" hex:00"), Optional(ToBytes(" hex:00")));
+    EXPECT_THAT(ParsePayload("hex"), Optional(ToBytes("hex")));
+}
+
+TEST(Payload, TypedAsHexIsThoseBytesOrNone) {
+    EXPECT_THAT(ParsePayload("hex:00ff"), Optional(Bytes{'\x00', '\xff'}));
+    EXPECT_THAT(ParsePayload("hex:"), Optional(Bytes()));
+    EXPECT_THAT(ParsePayload("hex:0"), Eq(std::nullopt));
+    EXPECT_THAT(ParsePayload("hex:zz"), Eq(std::nullopt));
+    EXPECT_THAT(ParsePayload("hex: 00"), Eq(std::nullopt));
+}
+
+}  // namespace
