@@ -138,6 +138,8 @@ def noticed_by(mutant, source, commands):
 def main():
     source = SOURCE.read_text()
     mutants = listed_mutants() + log_line_mutants(source)
+    for mutant in mutants:
+        mutant.apply(source)  # all can be made
     compiling, linking = build_commands()
     wrong = 0
     harmless = 0
