@@ -19,6 +19,8 @@ def main():
     for file in json.load(sys.stdin)["files"]:
         source = pathlib.Path(file["file"]).read_text().splitlines()
         for line in file["lines"]:
+            if line["gcovr/noncode"]:
+                continue
             text = source[line["line_number"] - 1].strip()
             untaken = sum(1 for branch in line["branches"] if branch["count"] == 0)
             if line["count"] != 0 and untaken == 0:

@@ -567,6 +567,11 @@ TEST_F(Request, InTheSynAckStateIsPrinted) {
     RecordRequest("");
 }
 
+TEST_F(Request, WithNobodyBoundPrintsThatTheHandshakeIsMissing) {
+    Construct();
+    RecordRequest("");
+}
+
 TEST_F(Request, WithoutProxyIsPrinted) {
     Construct();
     world.FailNext("g_dbus_proxy_new_sync");
