@@ -46,3 +46,9 @@ step "AddressSanitizer, LeakSanitizer, UndefinedBehaviorSanitizer"
 cmake --preset asan
 cmake --build --preset asan
 ctest --preset asan
+
+step "the conformance tests notice every change of the channel"
+scripts/mutate.sh
+
+step "coverage of src"
+scripts/coverage.sh
