@@ -41,6 +41,7 @@ refuted state refused-as-the-thread-ends              -DOUTCOME=both_ready -DSTA
 refuted state second-partner-not-found        -DOUTCOME=second_found -DPARTNER_STARTS=this_end_idle -DSECOND_STARTS=this_end_ready -DPARTNER_LEAVES -DIN_ORDER
 refuted state two-partners-paired             -DALWAYS=one_partner_at_a_time -DPARTNER_STARTS=this_end_idle -DSECOND_STARTS=this_end_waits -DIN_ORDER
 refuted state strangers-ack                   -DALWAYS=ready_only_if_bound_there -DSTRANGER=ACK -DPARTNER_STARTS=this_end_waits -DIN_ORDER
+refuted state holder-taken-for-this-end       -DALWAYS=ready_only_if_bound_there -DSTRANGER=SYN_ACK -DPARTNER_STARTS=this_end_waits -DIN_ORDER
 refuted state ready-taken-back                -DALWAYS=ready_until_lost -DSTRANGER=ACK -DREFUSALS=1 -DPARTNER_STARTS=this_end_waits -DIN_ORDER
 END
 }
@@ -104,7 +105,7 @@ if [ "${1-}" = --show ]; then
   search "$(method "$2")" refuted "$model" $(definitions "$2")
   [ -e model.pml.trail ] || { echo "$2: no run refutes it" >&2; exit 1; }
   # shellcheck disable=SC2046 # words on purpose
-  spin -t -T $(definitions "$2") model.pml | grep -E '^[0-9] |START OF CYCLE'
+  spin -t -T $(definitions "$2") model.pml | grep -E '^[0-9] [^p]|START OF CYCLE'
   exit
 fi
 

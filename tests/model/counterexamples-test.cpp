@@ -15,6 +15,9 @@ using testing::Pair;
 using C = TevrolDbusRemote;
 using Moment = PartnerFaults::Moment;
 
+constexpr const char* kSynAckRequest =
+    "g_dbus_connection_call_sync RequestName org.ulmar.Tevrol.demo_CLIENT_SYN_ACK";
+
 class OrderOfEvents : public ChannelTest {
 protected:
     void StartChannel() {
@@ -28,7 +31,7 @@ protected:
     }
 
     bool BothReady(const TestPartner& end) {
-        return channel->IsConnectionReady() && end.IsReady();
+        return channel->IsConnectionReady() && end.IsReady() && end.BoundTo() == OwnName();
     }
     bool Bound() {
         return channel->m_signal_id != 0;
@@ -108,15 +111,34 @@ TEST_F(OrderOfEvents, PartnerWhoseSynIsRefusedIsNotFound) {
 
 TEST_F(OrderOfEvents, EndWhoseAnswerIsRefusedForEverStaysBoundAndUnready) {
     StartChannel();
-    Acquire("_CLIENT_SYN_ACK");
+    constexpr int kPasses = 3;
+    gio_calls::Fail(kSynAckRequest, 1 + kPasses);
+    gio_calls::Clear();
     StartPartner(partner);
-    constexpr std::size_t kPasses = 3;
-    ASSERT_TRUE(IterateUntil([&] { return AnnouncedNames().size() > 1 + kPasses; }));
+    ASSERT_TRUE(IterateUntil([&] { return AnnouncedNames().size() == 1 + kPasses; }));
     ExpectBound(*channel, partner.UniqueName());
     EXPECT_FALSE(channel->IsConnectionReady());
     EXPECT_FALSE(partner.IsReady());
 
+    EXPECT_TRUE(IterateUntil([&] { return BothReady(partner); }));
+}
+
+TEST_F(OrderOfEvents, ProcessThatGivesBackANameOfThisEndIsTakenForIt) {
+    StartChannel();
+    Acquire("_CLIENT_SYN_ACK");
+    StartPartner(partner);
+    ASSERT_TRUE(IterateUntil([&] { return Bound(); }));
+    const std::string holder = g_dbus_connection_get_unique_name(other.get());
     Release("_CLIENT_SYN_ACK");
+    ASSERT_TRUE(IterateUntil([&] { return channel->IsConnectionReady() && partner.IsReady(); }));
+    EXPECT_EQ(partner.BoundTo(), holder);
+
+    // It must own no name of a channel that it is no end of. When it ends, so does the confusion.
+    ASSERT_NE(g_dbus_connection_close_sync(other.get(), nullptr, nullptr), FALSE);
+    ASSERT_TRUE(IterateUntil([&] { return partner.Saw("lost " + holder); }));
+    partner.Leave();
+    ASSERT_TRUE(IterateUntil([&] { return Unbound(); }));
+    StartPartner(partner);
     EXPECT_TRUE(IterateUntil([&] { return BothReady(partner); }));
 }
 
@@ -173,7 +195,7 @@ TEST_F(OrderOfEvents, AnnouncementRefusedAsTheResendThreadEndsIsNotRepeated) {
             may_end.get_future().wait();
         }
     });
-    Acquire("_CLIENT_SYN_ACK");
+    gio_calls::Fail(kSynAckRequest, 2);
     StartPartner(partner);
     ASSERT_TRUE(IterateUntil([&] { return Bound(); }));
     partner.Leave();
@@ -182,7 +204,6 @@ TEST_F(OrderOfEvents, AnnouncementRefusedAsTheResendThreadEndsIsNotRepeated) {
 
     StartPartner(partner);
     ASSERT_TRUE(IterateUntil([&] { return Bound() && !Owed(*channel).empty(); }));
-    Release("_CLIENT_SYN_ACK");
     may_end.set_value();
     ASSERT_TRUE(IterateUntil([&] { return ResendThread(*channel) == 0; }));
     Settle(partner);
@@ -237,7 +258,7 @@ TEST_F(OrderOfEvents, AckOfAnotherProcessMakesReadyWithItsNameOneThatIsBoundToAP
 
 TEST_F(OrderOfEvents, ReadyByAnotherProcessIsTakenBackByTheRepeatedSynAckWithoutALoss) {
     StartChannel();
-    Acquire("_CLIENT_SYN_ACK");
+    gio_calls::Fail(kSynAckRequest);
     StartPartner(partner);
     ASSERT_TRUE(IterateUntil([&] { return Bound(); }));
     const pthread_t thread = ResendThread(*channel);
@@ -245,7 +266,6 @@ TEST_F(OrderOfEvents, ReadyByAnotherProcessIsTakenBackByTheRepeatedSynAckWithout
     ASSERT_TRUE(IterateUntil([&] { return channel->IsConnectionReady(); }));
     EXPECT_EQ(partner.BoundTo(), "");  // ready, and the partner knows nothing of it
 
-    Release("_CLIENT_SYN_ACK");
     ASSERT_EQ(pthread_join(thread, nullptr), 0);  // the loop does not run meanwhile
     EXPECT_FALSE(channel->IsConnectionReady());
     EXPECT_THAT(channel->ReadyCalls(), ElementsAre(Pair(true, name)));

@@ -72,7 +72,7 @@ bool ready_taken_back = false;   /* not ready any more without a loss */
 
 #define up(i) (at[i].name != NOBODY)
 #define ready(i) (at[i].state == ACK)
-#define alive(x) (at[CLIENT].name == x || at[PARTNER].name == x || at[SECOND].name == x)
+#define alive(x) (x == OTHER_PROCESS || at[CLIENT].name == x || at[PARTNER].name == x || at[SECOND].name == x)
 #define loss_reported(i) (at[i].absent || inbox[i]??[GONE, eval(at[i].bound)])
 #define hears(i, j) (up(i) && (i == CLIENT) != (j == CLIENT))
 
@@ -333,14 +333,15 @@ end_running:
 }
 #endif
 
-/* Announces one of the partner's names, once: as another process, or as this end's own process, in
- * which something else uses the same connection. */
+/* Releases a name that is not its own, once: another process does, or something else in this end's
+ * process, on the same connection. */
 #ifdef STRANGER
 active proctype Stranger() {
   byte k;
 
 end:
   if
+  :: atomic { STRANGER == SYN_ACK && up(CLIENT) -> emit(CLIENT, SYN_ACK, OTHER_PROCESS) }
   :: atomic { STRANGER == ACK && up(CLIENT) -> emit(PARTNER, ACK, OTHER_PROCESS) }
   :: atomic { STRANGER == SYN && up(CLIENT) -> emit(PARTNER, SYN, at[CLIENT].name) }
   :: atomic { STRANGER == SYN && up(CLIENT) -> emit(PARTNER, SYN_ACK, at[CLIENT].name) }
