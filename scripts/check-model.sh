@@ -134,8 +134,8 @@ while read -r line; do
     echo "changes nothing: $line" >&2
     exit 1
   fi
-  # shellcheck disable=SC2046 # words on purpose
   how=$(method "$name")
+  # shellcheck disable=SC2046 # words on purpose
   search "$how" refuted broken.pml $(definitions "$name")
   judge refuted "$(found)" "$name, when ${what%"${what##*[![:space:]]}"}"
 done < <(breakages)

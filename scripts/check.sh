@@ -38,3 +38,9 @@ step "AddressSanitizer, LeakSanitizer, UndefinedBehaviorSanitizer"
 cmake --preset asan
 cmake --build --preset asan
 ctest --preset asan
+
+step "the handshake in every order of events"
+scripts/check-model.sh
+
+step "the channel under load"
+scripts/soak.sh 20

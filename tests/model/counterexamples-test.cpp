@@ -10,9 +10,7 @@
 namespace {
 
 using testing::ElementsAre;
-using testing::IsEmpty;
 using testing::Pair;
-using C = TevrolDbusRemote;
 using Moment = PartnerFaults::Moment;
 
 constexpr const char* kSynAckRequest =
@@ -25,7 +23,7 @@ protected:
     }
 
     // The partner joins and announces its SYN.
-    void StartPartner(TestPartner& end) {
+    static void StartPartner(TestPartner& end) {
         end.Join();
         end.Open();
     }
