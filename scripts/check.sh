@@ -32,12 +32,12 @@ git ls-files -- '*.cpp' | xargs -P 2 -n 2 clang-tidy --quiet -p build/clang
 step "release: shared and optimised"
 cmake --preset release -DCMAKE_COMPILE_WARNING_AS_ERROR=ON
 cmake --build --preset release
-ctest --preset release
+ctest --preset release -LE once
 
 step "bulk: payloads converted in one copy"
 cmake --preset bulk -DCMAKE_COMPILE_WARNING_AS_ERROR=ON
 cmake --build --preset bulk
-ctest --preset bulk
+ctest --preset bulk -LE once
 
 step "instructions of a request"
 scripts/check-instructions.sh
@@ -45,10 +45,16 @@ scripts/check-instructions.sh
 step "AddressSanitizer, LeakSanitizer, UndefinedBehaviorSanitizer"
 cmake --preset asan
 cmake --build --preset asan
-ctest --preset asan
+ctest --preset asan -LE once
 
 step "the conformance tests notice every change of the channel"
 scripts/mutate.sh
 
 step "coverage of src"
 scripts/coverage.sh
+
+step "the handshake in every order of events"
+scripts/check-model.sh
+
+step "the channel under load"
+scripts/soak.sh 20

@@ -13,7 +13,6 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::Pair;
 using testing::SizeIs;
-using testing::UnorderedElementsAre;
 
 using C = TevrolDbusRemote;
 

@@ -104,7 +104,7 @@ TEST_F(Teardown, ThroughABasePointerRunsTheDerivedDestructorFirst) {
     struct Derived : TestChannel {
         explicit Derived(std::vector<std::string>& order) : m_order(order) {}
         ~Derived() override {
-            m_order.push_back("derived");
+            m_order.emplace_back("derived");
             EXPECT_THAT(gio_calls::Of("g_bus_unwatch_name"), IsEmpty());
         }
         std::vector<std::string>& m_order;

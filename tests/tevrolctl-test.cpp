@@ -509,7 +509,7 @@ Result Verify(const std::string& options) {
 
 TEST_F(TevrolctlTest, VerifyPassesACorrectPartnerStartedByItself) {
     const Result result =
-        Tool({"verify", "--echo", "--run", TEVROL_PARTNER_PROGRAM " demo", "demo"});
+        Tool({"verify", "--echo", "--run", (TEVROL_PARTNER_PROGRAM " demo"), "demo"});
     EXPECT_EQ(result.status, kOk) << result.output;
     EXPECT_EQ(result.output.rfind("TAP version 13\n1..22\n", 0), 0U);
     EXPECT_THAT(result.output, Not(HasSubstr("not ok")));

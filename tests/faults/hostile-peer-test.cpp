@@ -193,7 +193,7 @@ TEST_F(HostilePeer, AForgedChangeOfOwnerIsIgnored) {
 
 class HostilePulses : public HostilePeer {
 protected:
-    void Announce(Stranger& peer, const char* name) {
+    static void Announce(Stranger& peer, const char* name) {
         peer.Pulse(name);
         Settle();
     }

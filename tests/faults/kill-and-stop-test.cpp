@@ -150,7 +150,7 @@ private:
 
 class KillAndStop : public ChannelTest {
 protected:
-    std::unique_ptr<PartnerProcess> StartPartner(std::vector<std::string> options = {}) {
+    static std::unique_ptr<PartnerProcess> StartPartner(std::vector<std::string> options = {}) {
         options.emplace_back("--wait");
         auto started = std::make_unique<PartnerProcess>(TEVROL_PARTNER_PROGRAM, "demo", options);
         EXPECT_TRUE(IterateUntil([&] { return started->Find("joined ").has_value(); }));

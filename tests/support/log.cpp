@@ -14,8 +14,9 @@ namespace {
 
 constexpr const char* kMalformed = "(malformed)";
 
-std::mutex g_mutex;  // guards the two below
+std::mutex g_mutex;  // guards the three below
 std::vector<LogLine> g_lines;
+std::function<void(const LogLine&)> g_then;
 std::vector<std::string> g_glib_reports;
 
 LogLine TakeApart(int log_id, int priority, const std::string& tag, const std::string& text) {
@@ -68,8 +69,13 @@ extern "C" int __dlog_print(int log_id, int priority, const char* tag, const cha
     va_end(args);
     const LogLine line = TakeApart(log_id, priority, tag, text);
     free(text);
-    const std::lock_guard<std::mutex> lock(g_mutex);
+    std::unique_lock<std::mutex> lock(g_mutex);
     g_lines.push_back(line);
+    const auto then = g_then;
+    lock.unlock();
+    if (then) {
+        then(line);
+    }
     return length;
 }
 
@@ -102,6 +108,11 @@ std::vector<LogLine> Errors() {
 void ClearLog() {
     const std::lock_guard<std::mutex> lock(g_mutex);
     g_lines.clear();
+}
+
+void OnLogLine(std::function<void(const LogLine&)> then) {
+    const std::lock_guard<std::mutex> lock(g_mutex);
+    g_then = std::move(then);
 }
 
 std::vector<std::string> TakeGlibReports() {

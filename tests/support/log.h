@@ -1,6 +1,7 @@
 // The device's log and GLib's, as the tests see them: recorded, line by line.
 #pragma once
 
+#include <functional>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -28,6 +29,9 @@ std::vector<LogLine> LogOf(const std::string& function);
 // Those of error priority.
 std::vector<LogLine> Errors();
 void ClearLog();
+// Called on the logging thread for each line from now on, after it was recorded; nothing where
+// empty.
+void OnLogLine(std::function<void(const LogLine&)> then);
 
 // What GLib itself has reported (warnings and criticals) since the start or the last call; they are
 // kept off the terminal.
