@@ -73,11 +73,11 @@ gboolean Quit(gpointer loop) {
 }
 
 int main() {
-    // Never destroyed: what is registered at the bus points at it as long as the process lives.
-    static auto& application = *new Application;
     GMainLoop* loop = g_main_loop_new(nullptr, FALSE);
     g_unix_signal_add(SIGINT, Quit, loop);
     g_unix_signal_add(SIGTERM, Quit, loop);  // also what GIO sends when the bus goes away
+    // Never destroyed: what is registered at the bus points at it as long as the process lives.
+    static auto& application = *new Application;
     g_main_loop_run(loop);
     application.Stop();
     return 0;
