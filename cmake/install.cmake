@@ -71,7 +71,9 @@ endif()
 
 # ---- doc ----
 install(FILES README.md CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT doc)
-install(DIRECTORY docs/ DESTINATION ${CMAKE_INSTALL_DOCDIR}/docs COMPONENT doc)
-install(FILES examples/minimal.cpp packaging/systemd/tevrol-example.service
+install(DIRECTORY docs/ DESTINATION ${CMAKE_INSTALL_DOCDIR}/docs COMPONENT doc
+        FILES_MATCHING PATTERN "*.md" PATTERN "*.svg")
+install(FILES examples/minimal.cpp examples/threaded.cpp
+              packaging/systemd/tevrol-example.service
               packaging/sysusers.d/tevrol-example.conf
         DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples COMPONENT doc)

@@ -24,6 +24,9 @@ for compiler in g++ clang++; do
   done
 done
 
+step "the API reference, without a warning"
+scripts/docs.sh
+
 step "clang++, and clang-tidy over its compile commands"
 cmake --preset clang -DTEVROL_BENCHMARKS=ON -DCMAKE_COMPILE_WARNING_AS_ERROR=ON
 cmake --build --preset clang
