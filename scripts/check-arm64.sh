@@ -11,7 +11,7 @@ make_root "$(dpkg --print-architecture)"
 chroot "$root" dpkg --add-architecture arm64
 chroot "$root" /project/scripts/install-packages.sh \
   cmake dbus-daemon g++-aarch64-linux-gnu ninja-build pkg-config qemu-user \
-  libglib2.0-dev:arm64 libgmock-dev:arm64 libgtest-dev:arm64 libsystemd-dev:arm64
+  libglib2.0-dev:arm64 libgmock-dev:arm64 libgtest-dev:arm64 libstdc++6:arm64 libsystemd-dev:arm64
 chroot "$root" /bin/sh -eu -c '
 cd /project
 export PKG_CONFIG_LIBDIR=/usr/lib/aarch64-linux-gnu/pkgconfig:/usr/share/pkgconfig
