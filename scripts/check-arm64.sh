@@ -17,11 +17,12 @@ cd /project
 export PKG_CONFIG_LIBDIR=/usr/lib/aarch64-linux-gnu/pkgconfig:/usr/share/pkgconfig
 cmake --preset dev --toolchain cmake/arm64.cmake
 cmake --build --preset dev
-# The tests start these two themselves, which the kernel cannot: qemu goes in between.
+# The tests start these two themselves, which the kernel cannot: qemu goes in between, under the
+# name that was called.
 for program in partner/tevrol-partner tools/tevrol-private-bus; do
   mv "build/dev/$program" "build/dev/$program.arm64"
-  printf "#!/bin/sh\nexec qemu-aarch64 /project/build/dev/%s.arm64 \"\$@\"\n" "$program" \
-    >"build/dev/$program"
+  printf "#!/bin/sh\nexec /usr/bin/qemu-aarch64 -0 \"\$0\" /project/build/dev/%s.arm64 \"\$@\"\n" \
+    "$program" >"build/dev/$program"
   chmod +x "build/dev/$program"
 done
 exec ctest --preset dev "$@"' test "$@"

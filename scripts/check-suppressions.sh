@@ -11,20 +11,28 @@ proven=0
 
 # run PRESET SUPPRESSIONS TEST: with the options of the test presets, but other suppressions.
 run() {
-  env G_SLICE=always-malloc ASAN_OPTIONS=fast_unwind_on_malloc=0 \
+  env G_SLICE=always-malloc ASAN_OPTIONS=fast_unwind_on_malloc=0:malloc_context_size=10 \
     LSAN_OPTIONS="suppressions=$2:print_suppressions=0" \
     TSAN_OPTIONS="ignore_noninstrumented_modules=1:suppressions=$2" \
     ctest --test-dir "build/$1" --output-on-failure --no-tests=error -R "^$3\$"
 }
 
+# is_reported PRESET TEST: a race shows itself when the threads meet, so not in every run.
+is_reported() {
+  for _ in 1 2 3 4 5; do
+    if run "$1" "$fewer" "$2" 2>&1 | grep -q 'SUMMARY: .*Sanitizer'; then return 0; fi
+  done
+  return 1
+}
+
 # prove PRESET FILE ENTRY TEST
 prove() {
   grep -Fxv "$3" "$folder/$2" >"$fewer"
-  if ! run "$1" "$PWD/$folder/$2" "$4" >/dev/null; then
+  if ! run "$1" "$PWD/$folder/$2" "$4" >/dev/null 2>&1; then
     echo "$4 fails even with $3" >&2
     exit 1
   fi
-  if ! run "$1" "$fewer" "$4" | grep -q 'SUMMARY: .*Sanitizer'; then
+  if ! is_reported "$1" "$4"; then
     echo "$4 is not reported without $3" >&2
     exit 1
   fi
@@ -38,7 +46,7 @@ prove asan lsan.supp leak:TevrolDbusRemote::SendMessage \
 prove asan lsan.supp leak:g_dbus_message_new_from_blob \
   PartnerLibrary.EchoesRequestsUnlessItIsGivenAnAnswer
 prove tsan tsan.supp race:TevrolDbusRemote::IsConnectionReady \
-  CompletingStage.RefusedAckLeavesTheApplicationUntoldUntilAResendPassSucceeds
+  Resend.EntryWithoutAThreadWaitsForTheThreadOfALaterFailure
 prove tsan tsan.supp race:TevrolDbusRemote::~TevrolDbusRemote \
   Teardown.WithAResendPendingEmptiesTheMapAndWaitsForTheThreadsLastPass
 prove tsan tsan.supp thread:TevrolDbusRemote::Stage::RequestResend \
