@@ -5,6 +5,7 @@
 
 #include <array>
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 #include <memory>
 #include <system_error>
@@ -95,6 +96,11 @@ struct PendingRequest {
         }
     }
 };
+
+// The moment before (0), during (1) or after (2) the announcement of `stage`.
+PartnerFaults::Moment MomentOf(HandshakeStage stage, int part) {
+    return static_cast<PartnerFaults::Moment>(3 * static_cast<int>(stage) + part);
+}
 
 std::future<PartnerReply> Failed(const std::string& why) {
     std::promise<PartnerReply> promise;
@@ -276,6 +282,10 @@ void Partner::LeaveNow() {
 }
 
 bool Partner::LeaveAt(Moment moment) {
+    if (m_faults.stop_at == moment) {
+        m_faults.stop_at.reset();
+        raise(SIGSTOP);  // to this thread, so that it goes no further; it stops the others too
+    }
     if (m_faults.leave_at != moment) {
         return false;
     }
@@ -364,7 +374,7 @@ bool Partner::Announce(HandshakeStage stage) {
 
 bool Partner::AnnounceNow(HandshakeStage stage) {
     const std::string name = Name(kOwnRole, stage);
-    if (!AcquireName(name, stage) || !ReleaseName(name)) {
+    if (!AcquireName(name, stage) || LeaveAt(MomentOf(stage, 1)) || !ReleaseName(name)) {
         return false;
     }
     Tell({PartnerEvent::Kind::Announced, stage, {}, {}, {}});
@@ -388,20 +398,11 @@ bool Partner::ReleaseClientName(HandshakeStage stage) {
 }
 
 bool Partner::Answer(HandshakeStage stage) {
-    // Three moments for each stage, in the order of the stages.
-    const int first = 3 * static_cast<int>(stage);
-    const auto before = static_cast<Moment>(first);
-    const auto during = static_cast<Moment>(first + 1);
-    const auto after = static_cast<Moment>(first + 2);
-    if (LeaveAt(before)) {
-        return false;
-    }
-    if (m_faults.leave_at == during && AcquireName(Name(kOwnRole, stage), stage)) {
-        LeaveAt(during);
+    if (LeaveAt(MomentOf(stage, 0))) {
         return false;
     }
     const bool announced = AnnounceNow(stage);
-    if (announced && LeaveAt(after)) {
+    if (m_bus == nullptr || (announced && LeaveAt(MomentOf(stage, 2)))) {
         return false;
     }
     // As at the other end, the SYN is announced once.

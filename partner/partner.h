@@ -58,6 +58,7 @@ struct PartnerFaults {
     std::chrono::milliseconds lateness{1000};     // Reply::Late
     Body wrong_body = TextBody("no byte array");  // Reply::WrongType
     std::optional<Moment> leave_at;               // drops its bus connection then, once
+    std::optional<Moment> stop_at;                // stops its process (SIGSTOP) then, once
 };
 
 // What happened to a partner, in order.
@@ -160,7 +161,7 @@ private:
     // All below: on the partner's thread.
     void JoinNow();
     void LeaveNow();
-    // Leaves if the faults say so for this moment, and tells whether it did.
+    // Stops or leaves if the faults say so for this moment, and tells whether it left.
     bool LeaveAt(Moment moment);
     void Export();
     void Listen(HandshakeStage stage);

@@ -69,7 +69,9 @@ std::string Describe(const Bytes& bytes, std::size_t limit) {
     if (std::all_of(bytes.begin(), bytes.end(), IsPlain)) {
         line += " \"" + std::string(head.begin(), head.end()) + "\"";
     } else {
-        line += " " + (kHexMark + ToHex(head));
+        line += " ";
+        line += kHexMark;
+        line += ToHex(head);
     }
     if (head.size() < bytes.size()) {
         line += " (+" + std::to_string(bytes.size() - head.size()) + " more)";

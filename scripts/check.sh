@@ -1,12 +1,12 @@
 #!/bin/sh
-# What CI checks beyond the tests: formatting, clang-tidy, the other compiler, the shared build and
-# the sanitizers. Installs what is missing.
+# What CI checks beyond the tests: formatting, clang-tidy, the other compiler, the shared build, the
+# other payload conversion, the cost of a request and the sanitizers. Installs what is missing.
 set -eu
 cd "$(dirname "$0")/.."
 
 # shellcheck disable=SC2046 # words on purpose
 scripts/install-packages.sh $(cat scripts/build-packages.txt) libgmock-dev libgtest-dev \
-  clang clang-format clang-tidy git
+  clang clang-format clang-tidy git libbenchmark-dev libsdbus-c++-dev
 
 step() { printf '\n== %s\n' "$1"; }
 
@@ -25,7 +25,7 @@ for compiler in g++ clang++; do
 done
 
 step "clang++, and clang-tidy over its compile commands"
-cmake --preset clang -DCMAKE_COMPILE_WARNING_AS_ERROR=ON
+cmake --preset clang -DTEVROL_BENCHMARKS=ON -DCMAKE_COMPILE_WARNING_AS_ERROR=ON
 cmake --build --preset clang
 git ls-files -- '*.cpp' | xargs -P 2 -n 2 clang-tidy --quiet -p build/clang
 
@@ -34,7 +34,35 @@ cmake --preset release -DCMAKE_COMPILE_WARNING_AS_ERROR=ON
 cmake --build --preset release
 ctest --preset release
 
+step "bulk: payloads converted in one copy"
+cmake --preset bulk -DCMAKE_COMPILE_WARNING_AS_ERROR=ON
+cmake --build --preset bulk
+ctest --preset bulk
+
+step "instructions of a request"
+scripts/check-instructions.sh
+
 step "AddressSanitizer, LeakSanitizer, UndefinedBehaviorSanitizer"
 cmake --preset asan
 cmake --build --preset asan
 ctest --preset asan
+
+step "ThreadSanitizer"
+cmake --preset tsan
+cmake --build --preset tsan
+ctest --preset tsan
+
+step "every suppression is needed"
+scripts/check-suppressions.sh
+
+step "valgrind"
+scripts/valgrind.sh
+
+step "fuzzing, briefly"
+scripts/fuzz.sh 20
+
+step "the conformance tests notice every change of the channel"
+scripts/mutate.sh
+
+step "coverage of src"
+scripts/coverage.sh

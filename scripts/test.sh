@@ -4,7 +4,8 @@ set -eu
 cd "$(dirname "$0")/.."
 
 # shellcheck disable=SC2046 # words on purpose
-scripts/install-packages.sh $(cat scripts/build-packages.txt) libgmock-dev libgtest-dev
+scripts/install-packages.sh $(cat scripts/build-packages.txt) libgmock-dev libgtest-dev \
+  make systemd
 
 # Warnings are errors in CI only: a newer compiler must not stop a user's build.
 cmake --preset dev -DCMAKE_COMPILE_WARNING_AS_ERROR="${CI:-OFF}"

@@ -110,6 +110,12 @@ TEST(LogStandIn, CutsNoLongLine) {
     EXPECT_THAT(g_lines, ElementsAre(SyslogLine{"sandrel", LOG_DEBUG, text}));
 }
 
+TEST(LogStandIn, SendsAnEmptyLineWhereFormattingFails) {
+    // The locale "C" has no such character.
+    EXPECT_EQ(__dlog_print(LOG_ID_MAIN, DLOG_DEBUG, "sandrel", "%ls", L"\x20ac"), 0);
+    EXPECT_THAT(g_lines, ElementsAre(SyslogLine{"sandrel", LOG_DEBUG, ""}));
+}
+
 TEST(LogStandIn, ReturnsTheLengthOfTheLine) {
     EXPECT_EQ(__dlog_print(LOG_ID_MAIN, DLOG_DEBUG, "sandrel", "%s\n\n", "12345"), 5);
 }

@@ -4,13 +4,24 @@
 
 namespace tevrol {
 
+namespace {
+
+std::vector<std::string> Joined(std::vector<std::string> first,
+                                const std::vector<std::string>& rest) {
+    first.insert(first.end(), rest.begin(), rest.end());
+    return first;
+}
+
+}  // namespace
+
 PartnerProcess::PartnerProcess(const std::string& program, const std::string& channel,
-                               const std::vector<std::string>& options) {
-    std::vector<std::string> arguments = {program, channel};
-    arguments.insert(arguments.end(), options.begin(), options.end());
-    m_process = StartDyingWithParent(arguments,
-                                     static_cast<GSubprocessFlags>(G_SUBPROCESS_FLAGS_STDIN_PIPE |
-                                                                   G_SUBPROCESS_FLAGS_STDOUT_PIPE));
+                               const std::vector<std::string>& options)
+    : PartnerProcess(Joined({program, channel}, options)) {}
+
+PartnerProcess::PartnerProcess(const std::vector<std::string>& arguments)
+    : m_process(StartDyingWithParent(
+          arguments, static_cast<GSubprocessFlags>(G_SUBPROCESS_FLAGS_STDIN_PIPE |
+                                                   G_SUBPROCESS_FLAGS_STDOUT_PIPE))) {
     m_reader = std::thread([this] { ReadLines(); });
 }
 
@@ -32,6 +43,15 @@ void PartnerProcess::Signal(int signal) {
 void PartnerProcess::Kill() {
     Signal(SIGKILL);
     g_subprocess_wait(m_process.get(), nullptr, nullptr);
+}
+
+void PartnerProcess::Stop() {
+    Signal(SIGSTOP);
+    AwaitStop(m_process.get());
+}
+
+bool PartnerProcess::IsStopped() const {
+    return tevrol::IsStopped(m_process.get());
 }
 
 void PartnerProcess::ReadLines() {

@@ -16,6 +16,8 @@ public:
     // Starts `program` (the path of tevrol-partner) for `channel`. Throws std::runtime_error.
     PartnerProcess(const std::string& program, const std::string& channel,
                    const std::vector<std::string>& options = {});
+    // Starts it by way of another program, or any program that talks in lines.
+    explicit PartnerProcess(const std::vector<std::string>& arguments);
     // Kills it if it still runs.
     ~PartnerProcess();
     PartnerProcess(const PartnerProcess&) = delete;
@@ -27,6 +29,10 @@ public:
     void Signal(int signal);
     // SIGKILL, and waits until it is gone.
     void Kill();
+    // SIGSTOP, and waits until it has stopped; Signal(SIGCONT) lets it go on.
+    void Stop();
+    // Whether it is stopped, by that or by its own option --stop.
+    bool IsStopped() const;
 
     // What it has printed so far, line by line. From any thread.
     std::vector<std::string> Lines() const;

@@ -1,5 +1,6 @@
 #include "tools/private-bus.h"
 
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -10,21 +11,17 @@ namespace {
 
 constexpr const char* kAddressVariable = "DBUS_SYSTEM_BUS_ADDRESS";
 
-// No limits are named: the daemon's built-in ones are the stock system bus's.
-std::string Configuration(const std::string& folder) {
+// Where `limits` names none, the daemon's built-in ones apply: the stock system bus's.
+std::string Configuration(const std::string& folder, const std::string& limits,
+                          const std::string& policy) {
     return "<!DOCTYPE busconfig PUBLIC '-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN'\n"
            " 'http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd'>\n"
            "<busconfig>\n"
            "  <listen>unix:path=" +
            folder +
            "/socket</listen>\n"
-           "  <auth>EXTERNAL</auth>\n"
-           "  <policy context='default'>\n"
-           "    <allow own='*'/>\n"
-           "    <allow send_destination='*' eavesdrop='true'/>\n"
-           "    <allow receive_sender='*' eavesdrop='true'/>\n"
-           "  </policy>\n"
-           "</busconfig>\n";
+           "  <auth>EXTERNAL</auth>\n" +
+           policy + limits + "</busconfig>\n";
 }
 
 std::string MakeFolder() {
@@ -37,6 +34,8 @@ std::string MakeFolder() {
     }
     std::string folder = made;
     g_free(made);
+    // Made for its owner alone; but who may use the socket in it is for the daemon to say.
+    std::filesystem::permissions(folder, std::filesystem::perms(0711));
     return folder;
 }
 
@@ -56,12 +55,20 @@ std::string ReadAddress(GSubprocess* daemon) {
 
 }  // namespace
 
-PrivateBus::PrivateBus() : m_folder(MakeFolder()) {
+const char* const PrivateBus::kOpenPolicy =
+    "  <policy context='default'>\n"
+    "    <allow own='*'/>\n"
+    "    <allow send_destination='*' eavesdrop='true'/>\n"
+    "    <allow receive_sender='*' eavesdrop='true'/>\n"
+    "  </policy>\n";
+
+PrivateBus::PrivateBus(const std::string& limits, const std::string& policy)
+    : m_folder(MakeFolder()) {
     const std::string configuration = m_folder + "/bus.conf";
     // The daemon's complaints matter only if it fails: started by root in a container, it always
     // finds that it may not raise its limit of file descriptors.
     const std::string complaints = m_folder + "/errors";
-    std::ofstream(configuration) << Configuration(m_folder);
+    std::ofstream(configuration) << Configuration(m_folder, limits, policy);
     try {
         m_daemon = StartDyingWithParent({"dbus-daemon", "--config-file=" + configuration,
                                          "--nofork", "--nopidfile", "--print-address=1"},
@@ -86,13 +93,25 @@ PrivateBus::~PrivateBus() {
 }
 
 pid_t PrivateBus::Pid() const {
-    const gchar* pid = g_subprocess_get_identifier(m_daemon.get());
-    return pid == nullptr ? 0 : static_cast<pid_t>(std::atoi(pid));
+    return PidOf(m_daemon.get());
 }
 
 void PrivateBus::Kill() {
     g_subprocess_force_exit(m_daemon.get());
     g_subprocess_wait(m_daemon.get(), nullptr, nullptr);
+}
+
+void PrivateBus::Signal(int signal) {
+    g_subprocess_send_signal(m_daemon.get(), signal);
+}
+
+void PrivateBus::Stop() {
+    Signal(SIGSTOP);
+    AwaitStop(m_daemon.get());
+}
+
+bool PrivateBus::IsStopped() const {
+    return tevrol::IsStopped(m_daemon.get());
 }
 
 }  // namespace tevrol

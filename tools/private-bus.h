@@ -9,14 +9,19 @@
 
 namespace tevrol {
 
-// Starts a dbus-daemon with the limits of a stock system bus and a policy that allows its own user
-// and root everything, and names it in DBUS_SYSTEM_BUS_ADDRESS, for this process and its
-// children. It is ready when the constructor returns: the daemon has printed its address. It ends
-// with the object, or with the thread that constructed it.
+// Starts a dbus-daemon with the limits of a stock system bus, and names it in
+// DBUS_SYSTEM_BUS_ADDRESS, for this process and its children. It is ready when the constructor
+// returns: the daemon has printed its address. It ends with the object, or with the thread that
+// constructed it.
 class PrivateBus {
 public:
-    // Throws std::runtime_error when the daemon cannot be started.
-    PrivateBus();
+    // Allows the user who starts it, and root, everything.
+    static const char* const kOpenPolicy;
+
+    // Both arguments are elements of the daemon's configuration: `limits` holds <limit> elements,
+    // for others than a stock bus's, and `policy` says who may do what. Throws std::runtime_error
+    // when the daemon cannot be started.
+    explicit PrivateBus(const std::string& limits = "", const std::string& policy = kOpenPolicy);
     ~PrivateBus();
     PrivateBus(const PrivateBus&) = delete;
     PrivateBus& operator=(const PrivateBus&) = delete;
@@ -25,9 +30,17 @@ public:
         return m_address;
     }
     pid_t Pid() const;
+    // The temporary folder that ends with the object, and all that is in it.
+    const std::string& Folder() const {
+        return m_folder;
+    }
 
     // Ends the daemon now, as if it had crashed, and waits until it is gone.
     void Kill();
+    void Signal(int signal);
+    // SIGSTOP, and waits until it has stopped; Signal(SIGCONT) lets it go on.
+    void Stop();
+    bool IsStopped() const;
 
 private:
     std::string m_folder;  // holds the configuration and the socket

@@ -1,8 +1,10 @@
 #include "tools/subprocess.h"
 
 #include <sys/prctl.h>
+#include <sys/wait.h>
 
 #include <csignal>
+#include <cstdlib>
 #include <stdexcept>
 
 namespace tevrol {
@@ -31,6 +33,24 @@ Subprocess StartDyingWithParent(const std::vector<std::string>& arguments, GSubp
         throw std::runtime_error(message);
     }
     return child;
+}
+
+pid_t PidOf(GSubprocess* child) {
+    const gchar* pid = g_subprocess_get_identifier(child);
+    return pid == nullptr ? 0 : static_cast<pid_t>(std::atoi(pid));
+}
+
+void AwaitStop(GSubprocess* child) {
+    siginfo_t info{};
+    waitid(P_PID, static_cast<id_t>(PidOf(child)), &info, WSTOPPED | WNOWAIT);
+}
+
+bool IsStopped(GSubprocess* child) {
+    siginfo_t info{};
+    const pid_t pid = PidOf(child);
+    return pid != 0 &&
+           waitid(P_PID, static_cast<id_t>(pid), &info, WSTOPPED | WNOHANG | WNOWAIT) == 0 &&
+           info.si_pid == pid;
 }
 
 }  // namespace tevrol

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <gio/gio.h>
+#include <sys/types.h>
 
 #include <memory>
 #include <string>
@@ -22,5 +23,12 @@ using Subprocess = std::unique_ptr<GSubprocess, GObjectUnref>;
 // process's goes if that is empty. Throws std::runtime_error when it cannot be started.
 Subprocess StartDyingWithParent(const std::vector<std::string>& arguments, GSubprocessFlags flags,
                                 const std::string& error_output = "");
+
+// Its process id; 0 when it has ended.
+pid_t PidOf(GSubprocess* child);
+// Blocks until a SIGSTOP holds it, whoever sends it.
+void AwaitStop(GSubprocess* child);
+// Whether one does.
+bool IsStopped(GSubprocess* child);
 
 }  // namespace tevrol

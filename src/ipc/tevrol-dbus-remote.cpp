@@ -527,6 +527,29 @@ void* TevrolDbusRemote::TimerThread(void* data) {
 
 // ---- Requests ----
 
+#ifdef TEVROL_BULK_PAYLOADS
+
+// One copy of the whole payload each way.
+inline GVariant* TevrolDbusRemote::ConvertBytes(std::vector<char>& bytes) {
+    GVariant* array = g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, bytes.data(), bytes.size(), 1);
+    return g_variant_new_tuple(&array, 1);
+}
+
+inline std::vector<char> TevrolDbusRemote::ConvertBytes(GVariant* bytes) {
+    GVariant* array = nullptr;
+    g_variant_get(bytes, "(@ay)", &array);
+    if (array == nullptr) {
+        return {};  // another type: left untouched
+    }
+    gsize size = 0;
+    const auto* data = static_cast<const char*>(g_variant_get_fixed_array(array, &size, 1));
+    std::vector<char> result_bytes(data, data + size);
+    g_variant_unref(array);
+    return result_bytes;
+}
+
+#else
+
 // One builder call for each byte, as laid down for this conversion; nothing is copied in bulk.
 inline GVariant* TevrolDbusRemote::ConvertBytes(std::vector<char>& bytes) {
     GVariantBuilder* param_builder = g_variant_builder_new(G_VARIANT_TYPE("ay"));
@@ -552,6 +575,8 @@ inline std::vector<char> TevrolDbusRemote::ConvertBytes(GVariant* bytes) {
     g_variant_iter_free(iter);
     return result_bytes;
 }
+
+#endif
 
 std::vector<char> TevrolDbusRemote::SendMessage(std::vector<char>& data) {
     // These two failures go to standard output, deliberately; all others go to the log.

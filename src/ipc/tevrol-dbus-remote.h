@@ -29,9 +29,9 @@
 // for two lines of SendMessage on standard output.
 //
 // Channel names. A name is used unchanged inside bus names and as the last element of an object
-// path, and is not validated: letters, digits and underscores are safe, as long as it does not begin
-// with a digit. With any other name the object is constructed and, as no partner can serve it, does
-// not become ready.
+// path, and is not validated: letters, digits and underscores are safe, as long as it does not
+// begin with a digit. With any other name the object is constructed and, as no partner can serve
+// it, does not become ready.
 #pragma once
 
 #include <gio/gio.h>
@@ -43,7 +43,8 @@
 
 #include "common/PTMutex.h"
 
-class TevrolDbusRemote {
+// The one class that the shared library exports.
+class __attribute__((visibility("default"))) TevrolDbusRemote {
 public:
     // Brings up one end of the channel `name`: connects to the system bus (g_bus_get_sync, the
     // connection that the whole process shares), exports the channel object, subscribes to the

@@ -126,8 +126,14 @@ std::string CapturedOutput::Text() const {
 
 // ---- ChannelTest ----
 
-ChannelTest::ChannelTest() {
-    connection = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
+GDBusConnection* ChannelTest::ConnectToSystemBus() {
+    return g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
+}
+
+ChannelTest::ChannelTest(const std::string& bus_limits, const std::string& policy,
+                         GDBusConnection* (*connect)())
+    : bus(bus_limits, policy) {
+    connection = connect();
     g_dbus_connection_set_exit_on_close(connection, FALSE);
 }
 

@@ -135,8 +135,13 @@ private:
 
 class ChannelTest : public testing::Test {
 protected:
-    // The bus is up, and its end does not end the test process.
-    ChannelTest();
+    static GDBusConnection* ConnectToSystemBus();
+
+    // The bus is up with `bus_limits` and `policy` (see PrivateBus), this process is on it by
+    // `connect`, and its end does not end the test process.
+    explicit ChannelTest(const std::string& bus_limits = "",
+                         const std::string& policy = tevrol::PrivateBus::kOpenPolicy,
+                         GDBusConnection* (*connect)() = ConnectToSystemBus);
     ~ChannelTest() override;
 
     // Returns when everything that `partner` has sent so far has been dispatched here: it has

@@ -17,10 +17,12 @@ struct PlannedFailure {
     gio_calls::Failure failure;
 };
 
-std::mutex g_mutex;  // guards the three below
+std::mutex g_mutex;  // guards all below
 std::vector<std::string> g_calls;
 std::list<PlannedFailure> g_failures;
 std::list<std::pair<std::string, guint32>> g_codes;
+std::size_t g_calls_to_action = 0;
+std::function<void()> g_action;
 
 // A reply in the guise in which its end can be seen.
 struct WatchedReply {
@@ -34,8 +36,18 @@ bool BeginsWith(const std::string& text, const std::string& beginning) {
     return text.compare(0, beginning.size(), beginning) == 0;
 }
 
+// The planned action, when it is due at this call.
+std::function<void()> TakeDueAction() {
+    const std::lock_guard<std::mutex> lock(g_mutex);
+    return g_calls_to_action > 0 && --g_calls_to_action == 0 ? std::exchange(g_action, {})
+                                                             : std::function<void()>();
+}
+
 // Records a call; true when it is to fail, with `error` set if that was planned.
 bool RecordAndFail(const std::string& call, GError** error = nullptr) {
+    if (const auto action = TakeDueAction()) {
+        action();
+    }
     const std::lock_guard<std::mutex> lock(g_mutex);
     g_calls.push_back(call);
     for (auto planned = g_failures.begin(); planned != g_failures.end(); ++planned) {
@@ -147,6 +159,12 @@ void AnswerCode(const std::string& method, guint32 code) {
 GVariant* LastReply() {
     const std::lock_guard<std::mutex> lock(g_reply_mutex);
     return g_last_reply.handed_out;
+}
+
+void BeforeCall(std::size_t count, std::function<void()> action) {
+    const std::lock_guard<std::mutex> lock(g_mutex);
+    g_calls_to_action = count;
+    g_action = std::move(action);
 }
 
 }  // namespace gio_calls

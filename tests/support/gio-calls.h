@@ -5,6 +5,7 @@
 
 #include <glib.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -30,5 +31,9 @@ void AnswerCode(const std::string& method, guint32 code);
 // The reply that the last successful g_dbus_proxy_call_sync returned; null once nothing refers to
 // it any more.
 GVariant* LastReply();
+
+// Runs `action` once, on the calling thread, before the `count`-th call from now on (1: the next)
+// is recorded and goes ahead.
+void BeforeCall(std::size_t count, std::function<void()> action);
 
 }  // namespace gio_calls

@@ -1,0 +1,250 @@
+#!/usr/bin/env python3
+"""Turns the figures of tevrol-bench (CSV on standard input) into tables and goals, in Markdown on
+standard output, and into data files for plots.gp in the folder given as argument."""
+import csv
+import os
+import statistics
+import sys
+
+NAMES = {
+    "channel": "channel",
+    "bulk": "channel, bulk",
+    "gdbus": "GDBus",
+    "loop": "GDBus byte by byte",
+    "sdbus": "sd-bus",
+    "sdbuscpp": "sdbus-c++",
+    "socket": "socket pair",
+    "bare": "bare calls",
+    "keeping": "GDBus that keeps its replies",
+}
+KIB = 1024
+MIB = 1024 * KIB
+
+
+def read_medians(lines):
+    rounds = {}
+    for subject, metric, contender, x, _, value in csv.reader(lines):
+        rounds.setdefault((subject, metric, contender, int(x)), []).append(float(value))
+    return {key: statistics.median(values) for key, values in rounds.items()}
+
+
+class Figures:
+    def __init__(self, medians):
+        self.medians = medians
+
+    def get(self, subject, contender, x, metric="time"):
+        return self.medians.get((subject, metric, contender, x))
+
+    def xs(self, subject, metric="time"):
+        return sorted({x for s, m, _, x in self.medians if (s, m) == (subject, metric)})
+
+    def ratio(self, subject, one, other, x, metric="time"):
+        """One over the other; None where either was not measured."""
+        a, b = self.get(subject, one, x, metric), self.get(subject, other, x, metric)
+        return None if a is None or b is None else a / b
+
+    def worst(self, subject, one, other, accept, metric="time"):
+        """The largest ratio over the accepted x, and its x."""
+        ratios = [(self.ratio(subject, one, other, x, metric), x)
+                  for x in self.xs(subject, metric) if accept(x)]
+        return max((r for r in ratios if r[0] is not None), default=None)
+
+
+def size_text(size):
+    for unit, name in ((MIB, "MiB"), (KIB, "KiB")):
+        if size >= unit and size % unit == 0:
+            return f"{size // unit} {name}"
+    return f"{size} B"
+
+
+def time_text(seconds):
+    for unit, name in ((1, "s"), (1e-3, "ms"), (1e-6, "µs"), (1e-9, "ns")):
+        if seconds >= unit:
+            break
+    return f"{seconds / unit:.3g} {name}" if seconds / unit < 100 else f"{seconds / unit:.0f} {name}"
+
+
+def table(title, head, rows):
+    print(f"\n### {title}\n")
+    print("| " + " | ".join(head) + " |")
+    print("|" + "---|" * len(head))
+    for row in rows:
+        print("| " + " | ".join("" if cell is None else str(cell) for cell in row) + " |")
+
+
+def ratio_table(figures, subject, title, contenders, text, metric="time"):
+    """Ratios to GDBus first, absolute figures of GDBus and the channel second."""
+    if not figures.xs(subject, metric):
+        return
+    head = ["payload"] + [NAMES[c] for c in contenders] + ["GDBus itself", "channel itself"]
+    rows = []
+    for x in figures.xs(subject, metric):
+        row = [size_text(x)]
+        for contender in contenders:
+            ratio = figures.ratio(subject, contender, "gdbus", x, metric)
+            row.append(None if ratio is None else f"{ratio:.2f}" if ratio < 10 else f"{ratio:.0f}")
+        for contender in ("gdbus", "channel"):
+            value = figures.get(subject, contender, x, metric)
+            row.append(None if value is None else text(value))
+        rows.append(row)
+    table(title, head, rows)
+
+
+def rate_text(seconds):
+    return f"{1 / seconds:,.0f}/s"
+
+
+def print_tables(figures):
+    asking = ["channel", "bulk", "loop", "sdbus", "sdbuscpp", "socket"]
+    serving = ["channel", "bulk", "loop", "sdbus", "sdbuscpp"]
+    ratio_table(figures, "requests", "Requests asked: time of a round trip, times GDBus's",
+                asking, time_text)
+    ratio_table(figures, "serving", "Requests served: time of a round trip, times GDBus's",
+                serving, time_text)
+    sizes = [x for x in figures.xs("requests") if x >= 4 * KIB]
+    table("Requests asked: processor time of the asking thread for each byte, nanoseconds",
+          ["payload", NAMES["channel"], NAMES["loop"], NAMES["bulk"], NAMES["gdbus"]],
+          [[size_text(x)] + [f"{figures.get('requests', c, x, 'processor') / x * 1e9:.3g}"
+                             for c in ("channel", "loop", "bulk", "gdbus")] for x in sizes])
+    notifying = ["channel", "bulk", "loop", "sdbus", "sdbuscpp", "socket"]
+    ratio_table(figures, "notifying", "Notifications sent: time of each in the sending call, "
+                "times GDBus's", notifying, rate_text, "sending")
+    ratio_table(figures, "notifying", "Notifications sent and handled by the partner: time of each, "
+                "times GDBus's", notifying, rate_text)
+    ratio_table(figures, "handling", "Notifications handled: time of each, times GDBus's",
+                serving, rate_text)
+
+    rows = []
+    for subject, what in (("opening", "partner's SYN to ready"),
+                          ("constructing", "construction to ready")):
+        ratio = figures.ratio(subject, "channel", "bare", 0)
+        if ratio is not None:
+            rows.append([what, f"{ratio:.2f}", time_text(figures.get(subject, "channel", 0)),
+                         time_text(figures.get(subject, "bare", 0))])
+    table("Handshake", ["", "times the bare calls", "channel", "bare calls"], rows)
+
+    table("Scale: channels in one process",
+          ["channels", "to ready, each", "heap, each", "request, others idle",
+           "request, all busy at once"],
+          [[n, time_text(figures.get("scale", "channel", n, "ready")),
+            f"{figures.get('scale', 'channel', n, 'memory') / KIB:.1f} KiB",
+            time_text(figures.get("scale", "channel", n, "idle")),
+            time_text(figures.get("scale", "channel", n, "busy"))]
+           for n in figures.xs("scale", "ready")])
+    table("Scale: callers on one channel", ["threads", "requests"],
+          [[n, rate_text(figures.get("threads", "channel", n))] for n in figures.xs("threads")])
+
+    rows = []
+    for x in figures.xs("memory", "peak"):
+        row = [size_text(x)]
+        for contender in ("channel", "bulk", "gdbus"):
+            peak = figures.get("memory", contender, x, "peak")
+            row.append(None if peak is None else f"{peak / x:.1f}")
+        rows.append(row)
+    table("Memory: peak of one request, times the payload (the caller's buffer included)",
+          ["payload", NAMES["channel"], NAMES["bulk"], NAMES["gdbus"]], rows)
+    table("Memory: heap kept by each request",
+          ["payload", NAMES["channel"], NAMES["bulk"], NAMES["keeping"]],
+          [[size_text(x)] + [f"{figures.get('memory', c, x, 'growth'):.0f} B"
+                             for c in ("channel", "bulk", "keeping")]
+           for x in figures.xs("memory", "growth")])
+
+    if figures.xs("log"):
+        rows = []
+        for sink, lines, request in (("discards", "lines-discarded", "channel"),
+                                     ("syslog stand-in", "lines-logged", "logging")):
+            share = figures.get("log", lines, 16) / figures.get("log", request, 16)
+            rows.append([sink, f"{100 * share:.2f} %", time_text(figures.get("log", lines, 16)),
+                         time_text(figures.get("log", request, 16))])
+        table("Log: the two lines of a request of 16 bytes",
+              ["sink", "share of the request", "the two lines", "the request"], rows)
+
+
+def goals(figures):
+    """Each goal as text, limit, figure, met."""
+    def at_most(text, limit, worst, note=size_text):
+        if worst is not None:
+            yield text, f"at most {limit:.2f}", f"{worst[0]:.3f} ({note(worst[1])})", worst[0] <= limit
+
+    small = lambda x: x <= 64
+    yield from at_most("request of 16 B, over GDBus", 1.05,
+                       figures.worst("requests", "channel", "gdbus", lambda x: x == 16))
+    for subject, what in (("requests", "request up to 64 B"), ("serving", "request up to 64 B served")):
+        for other in ("gdbus", "loop"):
+            yield from at_most(f"{what}, over {NAMES[other]}", 1.05,
+                               figures.worst(subject, "channel", other, small))
+    for subject, metric, what in (("notifying", "sending", "sent"),
+                                  ("notifying", "time", "sent and handled by the partner"),
+                                  ("handling", "time", "handled")):
+        for other in ("gdbus", "loop"):
+            worst = figures.worst(subject, "channel", other, small, metric)
+            if worst:
+                rate = 1 / worst[0]
+                yield (f"notifications up to 64 B {what}, rate over {NAMES[other]}",
+                       "at least 0.95", f"{rate:.3f} ({size_text(worst[1])})", rate >= 0.95)
+    for subject, what in (("opening", "SYN to ready"), ("constructing", "construction to ready")):
+        yield from at_most(f"handshake, {what}, over the bare calls", 1.10,
+                           figures.worst(subject, "channel", "bare", lambda _: True),
+                           lambda _: "median")
+    counts = figures.xs("scale", "ready")
+    for metric, what in (("ready", "time to ready"), ("memory", "heap"), ("idle", "request"),
+                         ("busy", "request, all busy")):
+        one = figures.get("scale", "channel", 1, metric)
+        if one:
+            yield from at_most(f"{what} per channel, over that of one channel", 1.10,
+                               max((figures.get("scale", "channel", n, metric) / one, n)
+                                   for n in counts if n > 1), lambda n: f"{n} channels")
+    middle = lambda x: 4 * KIB <= x <= 4 * MIB
+    yield from at_most("request of 4 KiB to 4 MiB, processor time over that of the bare loop", 1.05,
+                       figures.worst("requests", "channel", "loop", middle, "processor"))
+    base = figures.get("requests", "channel", 4 * KIB, "processor")
+    if base:
+        grown = max((figures.get("requests", "channel", x, "processor") / base / (x / (4 * KIB)), x)
+                    for x in figures.xs("requests") if middle(x) and x > 4 * KIB)
+        yield from at_most("processor time per byte up to 4 MiB, over that at 4 KiB", 1.10, grown)
+    yield from at_most("bulk: request, over GDBus", 1.10,
+                       figures.worst("requests", "bulk", "gdbus", lambda _: True))
+    yield from at_most("bulk: request served, over GDBus", 1.10,
+                       figures.worst("serving", "bulk", "gdbus", lambda _: True))
+    large = lambda x: x >= KIB
+    for subject, what in (("requests", "request"), ("serving", "request served")):
+        yield from at_most(f"bulk: {what} from 1 KiB, over sdbus-c++", 1.00,
+                           figures.worst(subject, "bulk", "sdbuscpp", large))
+    peaks = [(figures.get("memory", "bulk", x, "peak") / x, x)
+             for x in figures.xs("memory", "peak") if x >= MIB]
+    yield from at_most("bulk: peak memory from 1 MiB, over the payload", 4.00,
+                       max(peaks, default=None))
+    for contender in ("channel", "bulk"):
+        yield from at_most(f"{NAMES[contender]}: heap kept by a request, over a kept reply", 1.01,
+                           figures.worst("memory", contender, "keeping", lambda _: True, "growth"))
+
+
+def write_plot_data(figures, folder):
+    for subject, metric in (("requests", "time"), ("serving", "time"), ("notifying", "time")):
+        contenders = sorted({c for s, m, c, _ in figures.medians if (s, m) == (subject, metric)})
+        for contender in contenders:
+            with open(os.path.join(folder, f"{subject}-{contender}.dat"), "w",
+                      encoding="utf-8") as data:
+                for x in figures.xs(subject, metric):
+                    value = figures.get(subject, contender, x, metric)
+                    if value is not None:
+                        data.write(f"{x} {value * 1e6}\n")
+    with open(os.path.join(folder, "scale.dat"), "w", encoding="utf-8") as data:
+        for n in figures.xs("scale", "ready"):
+            values = [figures.get("scale", "channel", n, m)
+                      for m in ("ready", "idle", "busy", "memory")]
+            data.write(f"{n} " + " ".join(f"{v * 1e6:.3f}" for v in values[:3])
+                       + f" {values[3] / KIB:.3f}\n")
+
+
+def main():
+    figures = Figures(read_medians(sys.stdin))
+    print("### Goals")
+    print("\n| goal | limit | worst figure | |\n|---|---|---|---|")
+    for text, limit, figure, met in goals(figures):
+        print(f"| {text} | {limit} | {figure} | {'met' if met else '**not met**'} |")
+    print_tables(figures)
+    write_plot_data(figures, sys.argv[1])
+
+
+main()

@@ -1,0 +1,12 @@
+#!/bin/sh
+# Changes the channel's source in every way that matters and shows which conformance test notices
+# each change. Installs what is missing.
+set -eu
+cd "$(dirname "$0")/.."
+
+# shellcheck disable=SC2046 # words on purpose
+scripts/install-packages.sh $(cat scripts/build-packages.txt) libgmock-dev libgtest-dev python3
+
+cmake --preset dev >/dev/null
+cmake --build --preset dev --target conformance-tests
+python3 scripts/mutate.py

@@ -1,0 +1,390 @@
+#include "tests/conformance/stub-world.h"
+
+#include <regex>
+#include <utility>
+
+#include "platform/dlog.h"
+
+// NOLINTNEXTLINE(bugprone-reserved-identifier): the linker's name of g_variant_unref()
+extern "C" void __real_g_variant_unref(GVariant*);
+
+namespace {
+
+StubWorld* g_world = nullptr;
+
+constexpr guint kFirstId = 101;  // no id may be taken for a count or a flag
+
+std::string Join(const std::vector<std::string>& parts) {
+    std::string joined;
+    for (const std::string& part : parts) {
+        joined += (joined.empty() ? "" : ", ") + part;
+    }
+    return joined;
+}
+
+GLogWriterOutput TakeGlibReport(GLogLevelFlags /*level*/, const GLogField* fields, gsize count,
+                                gpointer /*data*/) {
+    for (gsize i = 0; i < count && g_world != nullptr; ++i) {
+        if (std::string(fields[i].key) == "MESSAGE") {
+            g_world->GlibReport(static_cast<const char*>(fields[i].value));
+        }
+    }
+    return G_LOG_WRITER_HANDLED;
+}
+
+const bool g_taking_reports = [] {
+    g_log_set_writer_func(TakeGlibReport, nullptr, nullptr);
+    return true;
+}();
+
+std::string OfHandle(pthread_t thread) {
+    return thread == 0 ? "0" : "thread#" + std::to_string(thread);
+}
+
+}  // namespace
+
+void Unref(GVariant* value) {
+    __real_g_variant_unref(value);
+}
+
+std::string Quoted(const char* text) {
+    if (text == nullptr) {
+        return "null";
+    }
+    gchar* escaped = g_strescape(text, nullptr);
+    const std::string quoted = '"' + std::string(escaped) + '"';
+    g_free(escaped);
+    return quoted;
+}
+
+StubWorld::StubWorld() {
+    g_world = this;
+    Name(Connection(), "connection");
+    Name(Invocation(), "invocation");
+    Name(&TevrolDbusRemote::m_vtable, "m_vtable");
+    const auto name_function = [this](auto function, const char* name) {
+        Name(reinterpret_cast<const void*>(function), name);
+    };
+    name_function(&TevrolDbusRemote::cb_SynNameOwnerChanged, "cb_SynNameOwnerChanged");
+    name_function(&TevrolDbusRemote::cb_SynAckNameOwnerChanged, "cb_SynAckNameOwnerChanged");
+    name_function(&TevrolDbusRemote::cb_AckNameOwnerChanged, "cb_AckNameOwnerChanged");
+    name_function(&TevrolDbusRemote::cb_PartnerNameVanished, "cb_PartnerNameVanished");
+    name_function(&TevrolDbusRemote::cb_SignalCall, "cb_SignalCall");
+    name_function(&TevrolDbusRemote::TimerThread, "TimerThread");
+}
+
+StubWorld::~StubWorld() {
+    g_world = nullptr;
+    for (GVariant* reply : m_replies) {
+        Unref(reply);
+    }
+    if (answer != nullptr) {
+        Unref(answer);
+    }
+}
+
+StubWorld* StubWorld::Current() {
+    return g_world;
+}
+
+void StubWorld::FailNext(const std::string& function, Failure failure) {
+    plan = [this, function, failure](const FailableCall& call) -> std::optional<Failure> {
+        if (call.function != function && call.method != function) {
+            return std::nullopt;
+        }
+        const Failure chosen = failure;  // the plan, and this with it, ends here
+        plan = nullptr;
+        return chosen;
+    };
+}
+
+void StubWorld::AnswerWith(GVariant* reply) {
+    answer = g_variant_ref_sink(reply);
+}
+
+void StubWorld::Record(bool on) {
+    m_recording = on;
+}
+
+std::string StubWorld::Text() const {
+    std::string text;
+    for (const Event& event : m_events) {
+        text += event.text + "\n";
+    }
+    return text;
+}
+
+void StubWorld::Forget() {
+    m_events.clear();
+}
+
+GDBusConnection* StubWorld::Connection() {
+    static char connection;
+    return reinterpret_cast<GDBusConnection*>(&connection);
+}
+
+GDBusMethodInvocation* StubWorld::Invocation() {
+    static char invocation;
+    return reinterpret_cast<GDBusMethodInvocation*>(&invocation);
+}
+
+void StubWorld::Name(const void* object, const std::string& name) {
+    m_names[object] = name;
+}
+
+std::set<std::string> StubWorld::Held() const {
+    std::set<std::string> held;
+    for (const auto& [object, name] : m_held) {
+        held.insert(name);
+    }
+    for (const guint id : m_held_ids) {
+        held.insert(m_ids.at(id));
+    }
+    return held;
+}
+
+bool StubWorld::Watches(const std::string& name) const {
+    for (const auto& [id, watched_name] : watched) {
+        if (watched_name == name) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// ---- Events ----
+
+std::optional<Failure> StubWorld::Decide(const std::string& function, const std::string& method,
+                                         bool takes_error) {
+    m_failable.push_back({static_cast<int>(m_failable.size()) + 1, function, method, takes_error});
+    if (!plan) {
+        return std::nullopt;
+    }
+    const auto decide = plan;  // which may replace itself
+    return decide(m_failable.back());
+}
+
+StubWorld::Outcome StubWorld::Begin(const std::string& function,
+                                    const std::vector<std::string>& arguments,
+                                    const std::string& method, const std::string& subject,
+                                    bool failable, bool takes_error) {
+    const std::optional<Failure> failure =
+        failable ? Decide(function, method, takes_error) : std::nullopt;
+    NoteState();
+    Event event{Event::Kind::Call, function + "(" + Join(arguments) + ")", function};
+    event.method = method;
+    event.subject = subject;
+    if (failure) {
+        event.failed = true;
+        event.with_error = takes_error && failure->with_error && !failure->code;
+        event.code = failure->code;
+    }
+    Remember(event);
+    return {failure, m_events.size()};
+}
+
+void StubWorld::End(const Outcome& outcome, const std::string& result) {
+    if (m_recording) {
+        m_events[outcome.event - 1].text += " = " + result;
+    }
+}
+
+void StubWorld::Call(const std::string& function, const std::vector<std::string>& arguments) {
+    Begin(function, arguments);
+}
+
+bool StubWorld::Log(int log_id, int priority, const char* tag, const std::string& text) {
+    if (m_channel != nullptr && m_channel_end != nullptr && !m_channel_readable &&
+        text.find("] Constructor\n\n") != std::string::npos) {
+        m_channel_readable = true;  // all members are initialised by now
+    }
+    // The line number shows as N where the prefix has the common form: the same function and the
+    // same line twice.
+    static const std::regex prefix(R"(^([\w.-]+): (\w+)\(([1-9]\d*)\) > \[(\w+):(\d+)\] )");
+    std::smatch found;
+    std::string shown = text;
+    Event event{Event::Kind::Log, "", ""};
+    if (std::regex_search(text, found, prefix) && found[2] == found[4] && found[3] == found[5]) {
+        event.function = found[2];
+        event.message = found.suffix();
+        shown = found[1].str() + ": " + found[2].str() + "(N) > [" + found[4].str() + ":N] " +
+                event.message;
+    }
+    event.priority = priority;
+    event.failed = Decide("__dlog_print", "", false).has_value();
+    const std::string buffer =
+        log_id == LOG_ID_MAIN ? "LOG_ID_MAIN" : "buffer " + std::to_string(log_id);
+    const std::string level = priority == DLOG_DEBUG   ? "DLOG_DEBUG"
+                              : priority == DLOG_ERROR ? "DLOG_ERROR"
+                                                       : "priority " + std::to_string(priority);
+    event.text = "__dlog_print(" + Join({buffer, level, Quoted(tag), Quoted(shown.c_str())}) + ")";
+    NoteState();
+    Remember(event);
+    return !event.failed;
+}
+
+void StubWorld::Handler(const std::string& function, const std::string& arguments) {
+    NoteState();
+    Remember({Event::Kind::Handler,
+              "-> " + function + "(" + arguments + ")" + (Locked() ? " under the lock" : ""),
+              function});
+}
+
+void StubWorld::GlibReport(const std::string& text) {
+    Remember({Event::Kind::Call, "GLib reports " + Quoted(text.c_str()), "GLib"});
+}
+
+void StubWorld::Remember(Event event) {
+    if (m_recording) {
+        m_events.push_back(std::move(event));
+    }
+}
+
+// ---- The channel's members ----
+
+void StubWorld::BeginChannel(TevrolDbusRemote* channel, std::size_t size) {
+    m_channel = channel;
+    m_channel_end = reinterpret_cast<const char*>(channel) + size;
+    m_channel_readable = false;
+    m_state.clear();
+    Name(channel, "channel");
+    Name(&channel->m_mutex, "m_mutex");
+    Name(&channel->m_timerThread, "&m_timerThread");
+}
+
+void StubWorld::EndChannel() {
+    m_channel_readable = false;
+}
+
+// Writes down which members have changed since the last event, so that it shows where among the
+// calls they did.
+void StubWorld::NoteState(bool with_map) {
+    if (!m_channel_readable) {
+        return;
+    }
+    const TevrolDbusRemote& channel = *m_channel;
+    std::vector<std::pair<std::string, std::string>> now = {
+        {"m_name", Quoted(channel.m_name.c_str())},
+        {"m_public_dbus_name", Quoted(channel.m_public_dbus_name.c_str())},
+        {"m_partner_dbus_name", Quoted(channel.m_partner_dbus_name.c_str())},
+        {"m_object_name", Quoted(channel.m_object_name.c_str())},
+        {"m_introspection_data", Of(channel.m_introspection_data)},
+        {"m_owner_id", OfId(channel.m_owner_id)},
+        {"m_reg_obj_id", OfId(channel.m_reg_obj_id)},
+        {"m_notification_watch_syn", OfId(channel.m_notification_watch_syn)},
+        {"m_notification_watch_syn_ack", OfId(channel.m_notification_watch_syn_ack)},
+        {"m_notification_watch_ack", OfId(channel.m_notification_watch_ack)},
+        {"m_proxy_watch", OfId(channel.m_proxy_watch)},
+        {"m_proxy", Of(channel.m_proxy)},
+        {"m_signal_id", OfId(channel.m_signal_id)},
+        {"m_handshake", std::to_string(channel.m_handshake)},
+        {"m_connection", Of(channel.m_connection)},
+        {"m_timerThread", OfHandle(channel.m_timerThread)}};
+    if (with_map) {
+        std::string entries;
+        for (const auto& [partner, suffix] : channel.m_resendHandshake) {
+            entries += (entries.empty() ? "" : ", ") + partner + ": " + suffix;
+        }
+        now.emplace_back("m_resendHandshake", "{" + entries + "}");
+    }
+    for (const auto& [field, value] : now) {
+        const auto known = m_state.find(field);
+        if (known == m_state.end() || known->second != value) {
+            m_state[field] = value;
+            Remember({Event::Kind::State, "  " + field + " = " + value, field});
+        }
+    }
+}
+
+// ---- Names ----
+
+std::string StubWorld::Of(const void* object) const {
+    if (object == nullptr) {
+        return "null";
+    }
+    const auto found = m_names.find(object);
+    return found == m_names.end() ? "(unknown)" : found->second;
+}
+
+std::string StubWorld::OfId(guint id) const {
+    const auto found = m_ids.find(id);
+    return found == m_ids.end() ? std::to_string(id) : found->second;
+}
+
+std::string StubWorld::OfValue(GVariant* value) const {
+    if (value == nullptr) {
+        return "null";
+    }
+    const auto found = m_names.find(value);
+    if (found != m_names.end()) {
+        return found->second;
+    }
+    gchar* printed = g_variant_print(value, TRUE);
+    std::string text = printed;
+    g_free(printed);
+    return text;
+}
+
+std::string StubWorld::OfError(GError** error) const {
+    if (error == nullptr) {
+        return "null";
+    }
+    return *error == nullptr ? "&error" : "&" + Of(*error);
+}
+
+std::string StubWorld::NewName(const std::string& kind) {
+    return kind + "#" + std::to_string(++m_counters[kind]);
+}
+
+void StubWorld::Hold(const void* object, const std::string& name) {
+    m_names[object] = name;
+    m_held[object] = name;
+}
+
+void StubWorld::Release(const void* object) {
+    m_held.erase(object);
+    m_names.erase(object);
+}
+
+guint StubWorld::NewId(const std::string& kind) {
+    const guint id = kFirstId + static_cast<guint>(m_ids.size());
+    m_ids[id] = NewName(kind);
+    m_held_ids.insert(id);
+    return id;
+}
+
+void StubWorld::ReleaseId(guint id) {
+    m_held_ids.erase(id);
+}
+
+void StubWorld::SetError(GError** error, int code) {
+    if (error != nullptr) {
+        g_set_error_literal(error, G_IO_ERROR, code, "failed on purpose");
+        Hold(*error, NewName("error"));
+    }
+}
+
+GVariant* StubWorld::Reply(GVariant* value) {
+    m_replies.push_back(g_variant_ref_sink(value));
+    Hold(value, NewName("reply"));
+    return g_variant_ref(value);
+}
+
+// Keeps the name: the value lives on here.
+void StubWorld::ReleaseReply(GVariant* value) {
+    m_held.erase(value);
+}
+
+// ---- The lock ----
+
+bool StubWorld::OwnsMutex(const void* mutex) const {
+    return m_names.count(mutex) != 0;
+}
+
+bool StubWorld::LockMutex(const void* mutex) {
+    return m_locked.insert(mutex).second;
+}
+
+bool StubWorld::UnlockMutex(const void* mutex) {
+    return m_locked.erase(mutex) != 0;
+}

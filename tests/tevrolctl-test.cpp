@@ -1,0 +1,552 @@
+// tevrolctl: every subcommand as a process of its own, on a private bus, without a terminal.
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <future>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "partner/payload.h"
+#include "tools/loop.h"
+#include "tools/partner-process.h"
+#include "tools/private-bus.h"
+
+namespace {
+
+using testing::ContainsRegex;
+using testing::HasSubstr;
+using testing::Not;
+using tevrol::IterateUntil;
+using tevrol::PartnerProcess;
+
+enum Status { kOk = 0, kFailed = 1, kUsage = 2, kNoBus = 3, kNoPartner = 4, kNoReply = 5 };
+
+struct Result {
+    int status;
+    std::string output;
+    std::string errors;
+};
+
+using Arguments = std::vector<std::string>;
+
+std::string Text(GBytes* bytes) {
+    gsize size = 0;
+    const auto* data = static_cast<const char*>(g_bytes_get_data(bytes, &size));
+    std::string text(data, data + size);
+    g_bytes_unref(bytes);
+    return text;
+}
+
+// Runs a command to its end.
+Result Run(const Arguments& command, const std::string& input = "") {
+    const auto child = tevrol::StartDyingWithParent(
+        command, static_cast<GSubprocessFlags>(G_SUBPROCESS_FLAGS_STDIN_PIPE |
+                                               G_SUBPROCESS_FLAGS_STDOUT_PIPE |
+                                               G_SUBPROCESS_FLAGS_STDERR_PIPE));
+    GBytes* given = g_bytes_new(input.data(), input.size());
+    GBytes* output = nullptr;
+    GBytes* errors = nullptr;
+    g_subprocess_communicate(child.get(), given, nullptr, &output, &errors, nullptr);
+    g_bytes_unref(given);
+    const int status = g_subprocess_get_if_exited(child.get()) != FALSE
+                           ? g_subprocess_get_exit_status(child.get())
+                           : -1;
+    return {status, Text(output), Text(errors)};
+}
+
+Result Tool(Arguments arguments, const std::string& input = "") {
+    arguments.insert(arguments.begin(), TEVROLCTL_PROGRAM);
+    return Run(arguments, input);
+}
+
+// Runs a command line of the shell in which "$T" is the tool.
+Result Shell(const std::string& line) {
+    return Run({"/bin/sh", "-c", "T=" TEVROLCTL_PROGRAM "\n" + line});
+}
+
+std::string ReadFile(const std::string& path) {
+    std::ifstream file(path);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+class TevrolctlTest : public testing::Test {
+protected:
+    TevrolctlTest() {
+        gchar* made = g_dir_make_tmp("tevrolctl-test-XXXXXX", nullptr);
+        m_folder = made;
+        g_free(made);
+    }
+    ~TevrolctlTest() override {
+        std::filesystem::remove_all(m_folder);
+    }
+
+    std::string File(const std::string& name) const {
+        return m_folder + "/" + name;
+    }
+
+    // A partner that has announced itself, or at least joined.
+    static std::unique_ptr<PartnerProcess> StartPartner(const Arguments& options = {},
+                                                        const std::string& sign = "announced SYN") {
+        auto partner = std::make_unique<PartnerProcess>(TEVROL_PARTNER_PROGRAM, "demo", options);
+        EXPECT_TRUE(IterateUntil([&] { return partner->Find(sign).has_value(); }));
+        return partner;
+    }
+
+    // A long-running command of the tool, with both of its outputs, that has printed `sign`.
+    static std::unique_ptr<PartnerProcess> StartTool(const Arguments& arguments,
+                                                     const std::string& sign) {
+        Arguments all = {"exec \"$@\" 2>&1", "sh", TEVROLCTL_PROGRAM};
+        all.insert(all.end(), arguments.begin(), arguments.end());
+        auto process = std::make_unique<PartnerProcess>("/bin/sh", "-c", all);
+        AwaitText(*process, sign);
+        return process;
+    }
+
+    static void AwaitText(const PartnerProcess& process, const std::string& text) {
+        const auto printed = [&] {
+            const auto lines = process.Lines();
+            return std::any_of(lines.begin(), lines.end(), [&](const std::string& line) {
+                return line.find(text) != std::string::npos;
+            });
+        };
+        EXPECT_TRUE(IterateUntil(printed)) << "never printed: " << text;
+    }
+
+    // Records a whole conversation and draws it.
+    void Record() {
+        const auto monitor =
+            StartTool({"monitor", "--write", File("recording"), "--diagram", File("diagram.svg")},
+                      "monitoring");
+        const auto partner = StartPartner();
+        EXPECT_EQ(Tool({"open", "demo"}, "request <&>\"\nnotify hex:00ff\n").status, kOk);
+        AwaitText(*monitor, "lost");
+        monitor->Signal(SIGTERM);
+        EXPECT_TRUE(IterateUntil(
+            [&] { return ReadFile(File("diagram.svg")).find("</svg>") != std::string::npos; }));
+    }
+
+    // A second bus, at the path "socket", with further rules and settings.
+    std::unique_ptr<PartnerProcess> StartBus(const std::string& rules,
+                                             const std::string& settings) const {
+        std::ofstream(File("bus.conf"))
+            << "<busconfig><listen>unix:path=" << File("socket")
+            << "</listen><policy context='default'><allow own='*'/><allow send_destination='*'/>"
+               "<allow receive_sender='*'/>"
+            << rules << "</policy>" << settings << "</busconfig>";
+        auto daemon = std::make_unique<PartnerProcess>(
+            "dbus-daemon", "--config-file=" + File("bus.conf"),
+            Arguments{"--nofork", "--nopidfile", "--print-address=1"});
+        AwaitText(*daemon, "unix:path=");
+        return daemon;
+    }
+
+    const tevrol::PrivateBus bus;
+
+private:
+    std::string m_folder;
+};
+
+// ---- Command line ----
+
+TEST_F(TevrolctlTest, HelpOfEachSubcommandShowsExamplesAndExitStatuses) {
+    for (const char* command : {"open", "send", "notify", "monitor", "check", "verify"}) {
+        const Result result = Tool({command, "--help"});
+        EXPECT_EQ(result.status, kOk) << command;
+        EXPECT_THAT(result.output, HasSubstr("Examples:")) << command;
+        EXPECT_THAT(result.output, HasSubstr("Exit status:")) << command;
+    }
+    EXPECT_THAT(Tool({"partner", "--help"}).output, HasSubstr("Examples:"));
+    EXPECT_THAT(Tool({"--help"}).output, HasSubstr("verify NAME"));
+}
+
+TEST_F(TevrolctlTest, WrongCommandLinesAreUsageErrors) {
+    for (const Arguments& wrong :
+         {Arguments{}, Arguments{"bogus"}, Arguments{"send", "demo"}, Arguments{"send", "--bogus"},
+          Arguments{"send", "demo", "hex:0"}, Arguments{"send", "--wait=-1", "demo", "x"},
+          Arguments{"send", "demo", "file:/nonexistent"}, Arguments{"partner", "--fault=bogus"},
+          Arguments{"open", "--answer=a", "--exec=b", "demo"},
+          Arguments{"check", "--private-bus", "--address=unix:path=/x"}}) {
+        const Result result = Tool(wrong);
+        EXPECT_EQ(result.status, kUsage) << testing::PrintToString(wrong);
+        EXPECT_NE(result.errors, "") << testing::PrintToString(wrong);
+    }
+}
+
+TEST_F(TevrolctlTest, UnusableChannelNamesAreRefusedByEveryCommand) {
+    for (const std::string& name :
+         {std::string("a-b"), std::string("1a"), std::string(), std::string("a.b"),
+          std::string("a/b"), std::string("a'b"), std::string(223, 'a')}) {
+        for (const Arguments& command :
+             {Arguments{"send", name, "x"}, Arguments{"notify", name, "x"}, Arguments{"open", name},
+              Arguments{"partner", name}, Arguments{"monitor", name}, Arguments{"verify", name}}) {
+            const Result result = Tool(command);
+            EXPECT_EQ(result.status, kUsage) << testing::PrintToString(command);
+        }
+        EXPECT_EQ(Tool({"check", name}).status, kUsage) << name;
+    }
+    EXPECT_EQ(Tool({"check", "--wait=0", std::string(222, 'a')}).status, kNoPartner);
+}
+
+TEST_F(TevrolctlTest, WithoutABusEveryCommandSaysSo) {
+    const std::string nowhere = "--address=unix:path=/nonexistent";
+    for (const Arguments& command :
+         {Arguments{"send", nowhere, "demo", "x"}, Arguments{"notify", nowhere, "demo", "x"},
+          Arguments{"open", nowhere, "demo"}, Arguments{"partner", nowhere, "demo"},
+          Arguments{"monitor", nowhere}, Arguments{"check", nowhere, "demo"},
+          Arguments{"verify", nowhere, "demo"}}) {
+        EXPECT_EQ(Tool(command).status, kNoBus) << testing::PrintToString(command);
+    }
+}
+
+TEST_F(TevrolctlTest, PrivateBusIsStartedAndClearedAway) {
+    const Result result = Tool({"check", "--private-bus"});
+    EXPECT_EQ(result.status, kOk) << result.output;
+    EXPECT_THAT(result.errors, HasSubstr("private bus: --address 'unix:path="));
+    const std::size_t begin = result.errors.find("path=") + 5;
+    const std::string socket = result.errors.substr(begin, result.errors.find(',') - begin);
+    EXPECT_FALSE(std::filesystem::exists(socket)) << socket;
+}
+
+TEST_F(TevrolctlTest, OutputThatCannotBeWrittenIsAnError) {
+    const Result full = Shell("$T check > /dev/full");
+    EXPECT_EQ(full.status, kFailed);
+    EXPECT_THAT(full.errors, HasSubstr("No space left on device"));
+    const Result closed = Shell("{ $T check; echo $? >&2; } | true");
+    EXPECT_THAT(closed.errors, HasSubstr("Broken pipe\n1\n"));
+    const Result recording = Tool({"monitor", "--write", "/nonexistent/file"});
+    EXPECT_EQ(recording.status, kFailed);
+    EXPECT_THAT(recording.errors, HasSubstr("cannot write /nonexistent/file"));
+}
+
+// ---- send and notify ----
+
+TEST_F(TevrolctlTest, SendWritesTheReplyAsItIs) {
+    const auto partner = StartPartner();
+    std::string all;
+    for (int value = 0; value < 256; ++value) {
+        all += static_cast<char>(value);
+    }
+    const Result result = Tool({"send", "demo", "-"}, all);
+    EXPECT_EQ(result.status, kOk) << result.errors;
+    EXPECT_EQ(result.output, all);
+    EXPECT_EQ(Tool({"send", "demo", "hex:00ff"}).output, std::string("\0\xff", 2));
+    EXPECT_EQ(Tool({"send", "demo", ""}).status, kOk) << "an empty reply is a reply";
+}
+
+TEST_F(TevrolctlTest, SendTellsNoPartnerFromNoReply) {
+    const Result nobody = Tool({"send", "--wait=0.1", "demo", "x"});
+    EXPECT_EQ(nobody.status, kNoPartner);
+    EXPECT_THAT(nobody.errors, HasSubstr("no partner of \"demo\""));
+    for (const char* fault : {"--fault=error", "--fault=wrong-type", "--leave=request"}) {
+        const auto partner = StartPartner({fault});
+        const Result result = Tool({"send", "demo", "x"});
+        EXPECT_EQ(result.status, kNoReply) << fault;
+        EXPECT_EQ(result.output, "") << fault;
+        EXPECT_THAT(result.errors, HasSubstr("no reply: ")) << fault;
+    }
+}
+
+TEST_F(TevrolctlTest, NotifyReachesThePartner) {
+    const auto partner = StartPartner();
+    EXPECT_EQ(Tool({"notify", "demo", "hello"}).status, kOk);
+    AwaitText(*partner, "notification from :1.1: 5 bytes \"hello\"");
+    EXPECT_EQ(Tool({"notify", "--wait=0.1", "nobody", "x"}).status, kNoPartner);
+}
+
+TEST_F(TevrolctlTest, NotifyTellsThatTheBusHasRefusedTheMessage) {
+    const auto small_bus = StartBus("", "<limit name='max_message_size'>100000</limit>");
+    const std::string address = "--address=unix:path=" + File("socket");
+    const auto partner = StartTool({"partner", address, "demo"}, "announced SYN");
+    const Result result = Tool({"notify", address, "demo", "-"}, std::string(100000, 'x'));
+    EXPECT_EQ(result.status, kFailed);
+    EXPECT_THAT(result.errors, HasSubstr("the bus did not take the notification"));
+}
+
+// ---- open ----
+
+TEST_F(TevrolctlTest, OpenSendsThePipedLinesAndEndsAfterTheReplies) {
+    const auto partner = StartPartner();
+    const Result result = Tool({"open", "demo"}, "request hello\nnotify hex:00ff\n");
+    EXPECT_EQ(result.status, kOk) << result.errors;
+    EXPECT_THAT(result.output, ContainsRegex("-- ready :1\\.0"));
+    EXPECT_THAT(result.output, ContainsRegex("-> request #1 5 bytes \"hello\""));
+    EXPECT_THAT(result.output, ContainsRegex("<- reply #1 after .* 5 bytes \"hello\""));
+    EXPECT_THAT(result.output, ContainsRegex("-> notification 2 bytes hex:00ff"));
+    AwaitText(*partner, "notification from :1.1: 2 bytes hex:00ff");
+    EXPECT_THAT(result.output, Not(HasSubstr("\033"))) << "colour without a terminal";
+}
+
+TEST_F(TevrolctlTest, OpenEndsWithTheStatusOfTheFirstFailure) {
+    EXPECT_EQ(Tool({"open", "--wait=0.1", "demo"}, "request x\n").status, kNoPartner);
+    const auto partner = StartPartner({"--fault=error"});
+    EXPECT_EQ(Tool({"open", "demo"}, "request x\nbogus\n").status, kUsage);
+    EXPECT_EQ(Tool({"open", "demo"}, "request x\n").status, kNoReply);
+}
+
+TEST_F(TevrolctlTest, OpenShowsWhatComesWhileARequestIsUnanswered) {
+    const auto partner = StartPartner({"--fault=never"});
+    const auto open = StartTool({"open", "demo"}, "ready");
+    AwaitText(*partner, "ready");
+    open->Command("request unanswered");
+    AwaitText(*partner, "unanswered");
+    partner->Command("notify meanwhile");
+    AwaitText(*open, "<- notification 9 bytes \"meanwhile\"");
+    open->Command("notify also meanwhile");
+    AwaitText(*partner, "also meanwhile");
+    partner->Kill();
+    AwaitText(*open, "<- no reply #1");
+    AwaitText(*open, "lost :1.0");
+}
+
+TEST_F(TevrolctlTest, OpenAnswersWithEchoTextOrACommand) {
+    for (const auto& [options, expected] :
+         {std::pair<Arguments, std::string>{{}, "5 bytes \"hello\""},
+          {{"--answer=hex:00"}, "1 byte hex:00"},
+          {{"--exec=tr a-z A-Z"}, "5 bytes \"HELLO\""}}) {
+        const auto partner = StartPartner();
+        Arguments command = {"open", "demo"};
+        command.insert(command.end(), options.begin(), options.end());
+        const auto open = StartTool(command, "ready");
+        AwaitText(*partner, "ready");
+        partner->Command("request hello");
+        AwaitText(*partner, "reply: " + expected);
+        AwaitText(*open, "<- request 5 bytes \"hello\"");
+        AwaitText(*open, "-> answer " + expected);
+    }
+}
+
+TEST_F(TevrolctlTest, OpenEndsWithTheBus) {
+    tevrol::PrivateBus other;
+    const auto open = StartTool({"open", "--address=" + other.Address(), "demo"}, "waiting as");
+    other.Kill();
+    AwaitText(*open, "the bus has closed the connection");
+}
+
+// ---- partner ----
+
+TEST_F(TevrolctlTest, PartnerServesTheChannelWithItsFaults) {
+    const auto partner = StartTool({"partner", "demo", "--answer=fixed"}, "announced SYN");
+    EXPECT_EQ(Tool({"send", "demo", "x"}).output, "fixed");
+    partner->Kill();
+    const auto faulty = StartTool({"partner", "--fault=error", "demo"}, "announced SYN");
+    EXPECT_EQ(Tool({"send", "demo", "x"}).status, kNoReply);
+}
+
+// ---- monitor ----
+
+TEST_F(TevrolctlTest, MonitorTellsAConversationInTheChannelsTerms) {
+    Record();
+    const Result text = Tool({"monitor", "--read", File("recording")});
+    EXPECT_EQ(text.status, kOk) << text.errors;
+    for (const char* line :
+         {":1\\.1 announces SERVICE_SYN \\(held", R"(:1\.2 announces CLIENT_SYN -> :1\.1 \(held)",
+          ":1\\.1 bound -> :1\\.2", ":1\\.2 ready -> :1\\.1", ":1\\.2 request -> :1\\.1: 4 bytes",
+          R"(:1\.1 reply -> :1\.2: 4 bytes "<&>"" \()",
+          ":1\\.2 notification -> :1\\.1: 2 bytes hex:00ff", ":1\\.2 lost leaves :1\\.1"}) {
+        EXPECT_THAT(text.output, ContainsRegex(line));
+    }
+    EXPECT_THAT(Tool({"monitor", "--hex", "--read", File("recording")}).output,
+                HasSubstr("hex:3c263e22"));
+    EXPECT_EQ(Tool({"monitor", "--read", File("recording"), "another"}).output, "");
+}
+
+TEST_F(TevrolctlTest, MonitorPrintsJsonThatReadsBackTheSame) {
+    Record();
+    const Result json = Tool({"monitor", "--json", "--read", File("recording")});
+    EXPECT_EQ(json.status, kOk) << json.errors;
+    EXPECT_EQ(json.output, ReadFile(File("recording")));
+    EXPECT_THAT(json.output, HasSubstr("\"kind\":\"reply\""));
+    EXPECT_THAT(json.output, HasSubstr("\"size\":4,\"hex\":\"3c263e22\""));
+}
+
+TEST_F(TevrolctlTest, MonitorDrawsWellFormedDiagrams) {
+    Record();
+    const std::string diagram = ReadFile(File("diagram.svg"));
+    GMarkupParser parser{};
+    GMarkupParseContext* context =
+        g_markup_parse_context_new(&parser, static_cast<GMarkupParseFlags>(0), nullptr, nullptr);
+    GError* error = nullptr;
+    const bool well_formed =
+        g_markup_parse_context_parse(context, diagram.data(), static_cast<gssize>(diagram.size()),
+                                     &error) != FALSE &&
+        g_markup_parse_context_end_parse(context, &error) != FALSE;
+    EXPECT_TRUE(well_formed) << error->message;
+    g_markup_parse_context_free(context);
+    EXPECT_THAT(diagram, HasSubstr("request 4 bytes &quot;&lt;&amp;&gt;&quot;&quot;"));
+    EXPECT_THAT(diagram, HasSubstr("service :1.1"));
+    EXPECT_THAT(diagram, HasSubstr("client :1.2"));
+    const Result again =
+        Tool({"monitor", "--read", File("recording"), "--diagram", File("again.svg")});
+    EXPECT_EQ(again.status, kOk);
+    EXPECT_EQ(ReadFile(File("again.svg")), diagram);
+}
+
+TEST_F(TevrolctlTest, MonitorShowsRefusedAnnouncementsAndErrors) {
+    const auto monitor = StartTool({"monitor"}, "monitoring");
+    const auto partner = StartPartner({"--fault=error", "--hold=syn"});
+    const auto open = StartTool({"open", "demo"}, "waiting as");
+    AwaitText(*monitor, "is refused CLIENT_SYN: another process owns it (3)");
+    partner->Command("announce syn");
+    AwaitText(*open, "waiting as");
+    partner->Command("release syn");
+    AwaitText(*monitor, "announces CLIENT_SYN");
+    AwaitText(*open, "ready");
+    open->Command("request x");
+    AwaitText(*monitor, "error -> ");
+    partner->Command("notify-wrong-type text");
+    AwaitText(*monitor, "notification of type \"s\"");
+}
+
+TEST_F(TevrolctlTest, MonitorRefusesMalformedRecordings) {
+    for (const char* line : {"garbage", "{}", "[]", "{\"kind\":1}", R"({"kind":"bogus"})",
+                             R"({"kind":"lost","channel":"a","from":"b","hex":"0"})"}) {
+        std::ofstream(File("recording")) << line << '\n';
+        const Result result = Tool({"monitor", "--read", File("recording")});
+        EXPECT_EQ(result.status, kFailed) << line;
+        EXPECT_THAT(result.errors, HasSubstr("recording, line 1: ")) << line;
+    }
+    EXPECT_EQ(Tool({"monitor", "--read", "/nonexistent"}).status, kUsage);
+}
+
+TEST_F(TevrolctlTest, ColourAppearsOnATerminalOnlyAndNotAgainstNoColor) {
+    std::ofstream(File("recording"))
+        << R"({"kind":"lost","time":1,"channel":"demo","from":":1.0"})" << '\n';
+    const std::string command =
+        "script -qec '" TEVROLCTL_PROGRAM " monitor --read " + File("recording") + "' /dev/null";
+    EXPECT_THAT(Shell("unset NO_COLOR; " + command).output, HasSubstr("\033["));
+    EXPECT_THAT(Shell("export NO_COLOR=1; " + command).output, Not(HasSubstr("\033[")));
+    EXPECT_THAT(Tool({"monitor", "--read", File("recording")}).output, Not(HasSubstr("\033[")));
+}
+
+// ---- check ----
+
+TEST_F(TevrolctlTest, CheckFindsAllWellWithAPartner) {
+    const auto partner = StartPartner();
+    const Result result = Tool({"check", "demo"});
+    EXPECT_EQ(result.status, kOk) << result.output;
+    EXPECT_THAT(result.output, HasSubstr("match rules: 512 per connection"));
+    for (const char* stage : {"SYN", "SYN_ACK", "ACK"}) {
+        EXPECT_THAT(result.output,
+                    HasSubstr(std::string("right to own org.ulmar.Tevrol.demo_CLIENT_") + stage +
+                              ": granted"));
+    }
+    EXPECT_THAT(result.output, HasSubstr("the bus delivers calls to the partner"));
+    // The probe of the right to call has not reached the application.
+    const auto lines = partner->Lines();
+    EXPECT_TRUE(std::none_of(lines.begin(), lines.end(), [](const std::string& line) {
+        return line.rfind("request", 0) == 0;
+    }));
+}
+
+TEST_F(TevrolctlTest, CheckTellsTheFaultsApart) {
+    const Result no_bus = Tool({"check", "--address=unix:path=/nonexistent", "demo"});
+    EXPECT_EQ(no_bus.status, kNoBus);
+    EXPECT_THAT(no_bus.output, HasSubstr("FAIL  connection: "));
+
+    const Result no_partner = Tool({"check", "--wait=0.1", "demo"});
+    EXPECT_EQ(no_partner.status, kNoPartner);
+    EXPECT_THAT(no_partner.output, HasSubstr("FAIL  partner: none has answered SYN"));
+    EXPECT_THAT(no_partner.output,
+                HasSubstr("warn  right to own org.ulmar.Tevrol.demo_CLIENT_ACK"));
+
+    const Result bad_name = Tool({"check", "a-b"});
+    EXPECT_EQ(bad_name.status, kUsage);
+    EXPECT_THAT(bad_name.output, HasSubstr("FAIL  name: \"a-b\": byte 2"));
+
+    const auto squatter = StartPartner({"--hold=ack"});
+    const Result squatted = Tool({"check", "demo"});
+    EXPECT_EQ(squatted.status, kFailed);
+    EXPECT_THAT(squatted.output,
+                ContainsRegex("FAIL  owners: org\\.ulmar\\.Tevrol\\.demo_CLIENT_ACK is held by "
+                              ":1\\.[0-9]+ \\(tevrol-partner, process [0-9]+\\)"));
+}
+
+TEST_F(TevrolctlTest, CheckNamesTheRuleThatThePolicyLacks) {
+    const auto check_with = [this](const std::string& rule) {
+        const auto other = StartBus(rule, "");
+        return Tool({"check", "--address=unix:path=" + File("socket"), "--wait=0", "--announce-ack",
+                     "demo"})
+            .output;
+    };
+    for (const char* stage : {"SYN", "SYN_ACK", "ACK"}) {
+        const std::string name = std::string("org.ulmar.Tevrol.demo_CLIENT_") + stage;
+        const std::string output = check_with("<deny own='" + name + "'/>");
+        EXPECT_THAT(output, HasSubstr("FAIL  right to own " + name + ": the bus policy refuses"));
+        EXPECT_THAT(output, HasSubstr("add <allow own=\"" + name + "\"/>"));
+    }
+    EXPECT_THAT(
+        check_with("<deny send_interface='org.ulmar.tevrol.DbusCommunication'/>"),
+        HasSubstr("FAIL  right to call org.ulmar.tevrol.DbusCommunication: the bus policy"));
+}
+
+TEST_F(TevrolctlTest, CheckLeavesABoundPairAlone) {
+    const auto partner = StartPartner();
+    const auto open = StartTool({"open", "demo"}, "ready");
+    AwaitText(*partner, "ready");
+    const std::size_t before = partner->Lines().size();
+    EXPECT_EQ(Tool({"check", "--wait=0.1", "demo"}).status, kNoPartner);
+    open->Command("request x");
+    AwaitText(*partner, "request from");
+    EXPECT_FALSE(partner->Find("heard ACK", before).has_value());
+    EXPECT_FALSE(partner->Find("ready", before).has_value());
+    EXPECT_FALSE(partner->Find("lost", before).has_value());
+}
+
+// ---- verify ----
+
+Result Verify(const std::string& options) {
+    return Tool({"verify", "--echo", "--wait=0.3", "--reply-limit=0.2", "--run",
+                 TEVROL_PARTNER_PROGRAM " demo " + options, "demo"});
+}
+
+TEST_F(TevrolctlTest, VerifyPassesACorrectPartnerStartedByItself) {
+    const Result result =
+        Tool({"verify", "--echo", "--run", TEVROL_PARTNER_PROGRAM " demo", "demo"});
+    EXPECT_EQ(result.status, kOk) << result.output;
+    EXPECT_EQ(result.output.rfind("TAP version 13\n1..22\n", 0), 0U);
+    EXPECT_THAT(result.output, Not(HasSubstr("not ok")));
+    EXPECT_THAT(result.output, Not(HasSubstr("SKIP")));
+    EXPECT_THAT(result.output, HasSubstr("\nok 22 - "));
+}
+
+TEST_F(TevrolctlTest, VerifyPassesARunningPartnerAndSkipsItsStart) {
+    const auto partner = StartPartner();
+    const Result result = Tool({"verify", "demo"});
+    EXPECT_EQ(result.status, kOk) << result.output;
+    EXPECT_THAT(result.output, HasSubstr("\nok 22 - dies and returns in sequence B # SKIP"));
+}
+
+TEST_F(TevrolctlTest, VerifyBailsOutWithoutAPartner) {
+    const Result result = Tool({"verify", "--wait=0.1", "demo"});
+    EXPECT_EQ(result.status, kNoPartner);
+    EXPECT_THAT(result.output, HasSubstr("not ok 1 - "));
+    EXPECT_THAT(result.output, HasSubstr("Bail out!"));
+}
+
+class VerifyFaultTest : public TevrolctlTest, public testing::WithParamInterface<const char*> {};
+
+TEST_P(VerifyFaultTest, FailsThePartnerWithThisFault) {
+    const Result result = Verify(GetParam());
+    EXPECT_THAT(result.status, testing::AnyOf(kFailed, kNoPartner)) << result.output;
+    EXPECT_THAT(result.output, HasSubstr("\nnot ok "));
+}
+
+INSTANTIATE_TEST_SUITE_P(EachFault, VerifyFaultTest,
+                         testing::Values("--fault=never", "--fault=late", "--fault=error",
+                                         "--fault=wrong-type", "--leave=before-syn",
+                                         "--leave=during-syn", "--leave=after-syn",
+                                         "--leave=before-syn-ack", "--leave=during-syn-ack",
+                                         "--leave=after-syn-ack", "--leave=before-ack",
+                                         "--leave=during-ack", "--leave=after-ack", "--leave=ready",
+                                         "--leave=request", "--hold=syn", "--hold=syn-ack",
+                                         "--hold=ack"));
+
+}  // namespace
