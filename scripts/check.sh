@@ -50,6 +50,20 @@ cmake --preset asan
 cmake --build --preset asan
 ctest --preset asan -LE once
 
+step "ThreadSanitizer"
+cmake --preset tsan
+cmake --build --preset tsan
+ctest --preset tsan
+
+step "every suppression is needed"
+scripts/check-suppressions.sh
+
+step "valgrind"
+scripts/valgrind.sh
+
+step "fuzzing, briefly"
+scripts/fuzz.sh 20
+
 step "the conformance tests notice every change of the channel"
 scripts/mutate.sh
 

@@ -1,12 +1,6 @@
 #!/bin/sh
-# Shows that the two commands need nothing but a fresh Debian: clones the committed state into one
-# and runs both there. As root.
+# Shows that the two commands need nothing but a fresh Debian: runs both in one. As root.
 set -eu
 cd "$(dirname "$0")/.."
 
-scripts/install-packages.sh git
-clone=$(mktemp -d)
-trap 'rm -rf "$clone"' EXIT
-git clone --quiet . "$clone"
-
-scripts/in-clean-root.sh "$clone" 'time ./scripts/demo.sh && time ./scripts/test.sh'
+scripts/commit-in-clean-root.sh 'time ./scripts/demo.sh && time ./scripts/test.sh'

@@ -3,9 +3,9 @@
 # is installed yet, and the folder FOLDER is at hand as /project, the current one. As root; about
 # 1 GB in a temporary folder.
 #
-# Usage: in-clean-root.sh FOLDER COMMAND
+# Usage: in-clean-root.sh FOLDER COMMAND [ARCHITECTURE]
 set -eu
-folder=$1 command=$2
+folder=$1 command=$2 architecture=${3:-$(dpkg --print-architecture)}
 
 "$(dirname "$0")/install-packages.sh" debootstrap
 root=$(mktemp -d)
@@ -18,7 +18,7 @@ trap cleanup EXIT
 # shellcheck disable=SC2016 # apt's own variable
 mirror=$(apt-get indextargets --format '$(SITE)' 'Created-By: Packages' 'Codename: bookworm' |
   head -n 1)
-debootstrap --variant=minbase bookworm "$root" "$mirror" >/dev/null
+debootstrap --variant=minbase --arch="$architecture" bookworm "$root" "$mirror" >/dev/null
 cp /etc/resolv.conf "$root/etc/resolv.conf"
 # The ways to the mirror are this machine's.
 if [ -d /etc/apt/apt.conf.d ]; then cp -r /etc/apt/apt.conf.d/. "$root/etc/apt/apt.conf.d/"; fi
