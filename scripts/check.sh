@@ -1,6 +1,6 @@
 #!/bin/sh
-# What CI checks beyond the tests: formatting, clang-tidy, the other compiler, the shared build, the
-# other payload conversion, the cost of a request and the sanitizers. Installs what is missing.
+# What CI checks beyond the tests: formatting, clang-tidy, the shared build, the other payload
+# conversion and AddressSanitizer. scripts/check-long.sh has the rest. Installs what is missing.
 set -eu
 cd "$(dirname "$0")/.."
 
@@ -27,10 +27,9 @@ done
 step "the API reference, without a warning"
 scripts/docs.sh
 
-step "clang++, and clang-tidy over its compile commands"
-cmake --preset clang -DTEVROL_BENCHMARKS=ON -DCMAKE_COMPILE_WARNING_AS_ERROR=ON
-cmake --build --preset clang
-git ls-files -- '*.cpp' | xargs -P 2 -n 2 clang-tidy --quiet -p build/clang
+step "clang-tidy, and with it clang++'s warnings"
+cmake --preset clang -DTEVROL_BENCHMARKS=ON -DCMAKE_DISABLE_PRECOMPILE_HEADERS=ON
+git ls-files -- '*.cpp' | grep -v '^tests/' | xargs -P 2 -n 2 clang-tidy --quiet -p build/clang
 
 step "release: shared and optimised"
 cmake --preset release -DCMAKE_COMPILE_WARNING_AS_ERROR=ON
@@ -42,36 +41,8 @@ cmake --preset bulk -DCMAKE_COMPILE_WARNING_AS_ERROR=ON
 cmake --build --preset bulk
 ctest --preset bulk -LE once
 
-step "instructions of a request"
-scripts/check-instructions.sh
-
 step "AddressSanitizer, LeakSanitizer, UndefinedBehaviorSanitizer"
 cmake --preset asan
 cmake --build --preset asan
-ctest --preset asan -LE once
-
-step "ThreadSanitizer"
-cmake --preset tsan
-cmake --build --preset tsan
-ctest --preset tsan
-
-step "every suppression is needed"
-scripts/check-suppressions.sh
-
-step "valgrind"
-scripts/valgrind.sh
-
-step "fuzzing, briefly"
-scripts/fuzz.sh 20
-
-step "the conformance tests notice every change of the channel"
-scripts/mutate.sh
-
-step "coverage of src"
-scripts/coverage.sh
-
-step "the handshake in every order of events"
-scripts/check-model.sh
-
-step "the channel under load"
-scripts/soak.sh 20
+# Floods and the fault matrix would take the sanitizer minutes.
+ctest --preset asan -LE once -E "AFlood|FailEveryCall"

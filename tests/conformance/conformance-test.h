@@ -19,8 +19,9 @@ public:
         : TevrolDbusRemote(name), m_handlers(handlers) {}
     ~StubChannel() override;
     // Make the members readable, and show when the storage is freed.
-    static void* operator new(std::size_t size);
-    static void operator delete(void* storage);
+    // Not inlined: g++ would take the two for a mismatched pair.
+    __attribute__((noinline)) static void* operator new(std::size_t size);
+    __attribute__((noinline)) static void operator delete(void* storage);
 
     std::vector<char> HandleMessage(std::vector<char>& data) override;
     void HandleNotification(std::vector<char>& data) override;

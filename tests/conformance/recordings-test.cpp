@@ -786,7 +786,7 @@ TEST_F(Readiness, IsTheLastStateAloneAndAskingLeavesNoTrace) {
 class Lock : public ConformanceTest {};
 
 TEST_F(Lock, IsOnePosixMutexWithDefaultAttributes) {
-    alignas(PTMutex) char storage[sizeof(PTMutex)];
+    alignas(PTMutex) char storage[sizeof(PTMutex)] = {};
     world.Name(storage, "mutex");
     Record();
     auto* mutex = new (storage) PTMutex;

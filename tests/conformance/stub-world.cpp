@@ -76,6 +76,9 @@ StubWorld::StubWorld() {
 StubWorld::~StubWorld() {
     g_world = nullptr;
     for (GVariant* reply : m_replies) {
+        if (m_held.count(reply) != 0) {
+            Unref(reply);  // the channel has kept its reference, as it does
+        }
         Unref(reply);
     }
     if (answer != nullptr) {

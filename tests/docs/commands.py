@@ -14,6 +14,7 @@ from pages import BUILD, PAGES, SOURCE, blocks, check, finish
 # A line of each block that is not run here, and why.
 ELSEWHERE = {
     "./scripts/demo.sh ": "CI runs both scripts first",
+    "ctest --preset asan": "takes minutes; scripts/check.sh and scripts/check-long.sh do the same",
     "./scripts/bench.sh ": "takes minutes; the benchmarks are built and run by that script alone",
     "(cd build/package && cpack -G DEB)": "takes minutes; scripts/check-packages.sh does the same",
 }
@@ -26,7 +27,7 @@ RUN = [
     ("g++ -std=c++17 application.cpp", {}, ""),
     ("g++ -std=c++17 threaded.cpp", {}, ""),
     ("./threaded & application", {}, "reply: report 2"),
-    ("build/dev/examples/minimal &",
+    ("build/dev/examples/minimal",
      {"cmake --preset dev && cmake --build --preset dev": ":", "build/dev/": "$BUILD/"},
      "announced SYN"),
     ("tevrolctl check demo",
