@@ -76,16 +76,16 @@ bool CheckAddress(Findings& findings) {
                       "an address is like unix:path=/run/dbus/system_bus_socket");
         return false;
     }
-    findings.Ok("bus address", text + ", " + source);
+    Findings::Ok("bus address", text + ", " + source);
     return true;
 }
 
 bool CheckConnection(Findings& findings) {
     try {
         const auto connection = PrivateConnection();
-        findings.Ok("connection", std::string("as ") +
-                                      g_dbus_connection_get_unique_name(connection.get()) + ", " +
-                                      ThisUser());
+        Findings::Ok("connection", std::string("as ") +
+                                       g_dbus_connection_get_unique_name(connection.get()) + ", " +
+                                       ThisUser());
         return true;
     } catch (const Failure& failure) {
         findings.Fail(kExitNoBus, "connection", failure.what(),
@@ -101,9 +101,9 @@ bool CheckName(const std::string& channel, Findings& findings) {
                       "use letters, digits and underscores, no digit first, 222 at most");
         return false;
     }
-    findings.Ok("name", "\"" + channel + "\" can be used, with " +
-                            std::to_string(HandshakeName(channel, kService, kSynAck).size()) +
-                            " of 255 characters in the longest bus name");
+    Findings::Ok("name", "\"" + channel + "\" can be used, with " +
+                             std::to_string(HandshakeName(channel, kService, kSynAck).size()) +
+                             " of 255 characters in the longest bus name");
     return true;
 }
 
@@ -157,7 +157,7 @@ void CheckOwners(RawEnd& end, const std::string& channel, Findings& findings) {
         }
     }
     if (free) {
-        findings.Ok("owners", "nobody holds any of the six handshake names");
+        Findings::Ok("owners", "nobody holds any of the six handshake names");
     }
 }
 
@@ -183,7 +183,7 @@ bool CheckRightToOwn(RawEnd& end, const std::string& channel, const char* stage,
         return false;
     }
     end.Release(stage);
-    findings.Ok(what, "granted to " + ThisUser());
+    Findings::Ok(what, "granted to " + ThisUser());
     return true;
 }
 
@@ -201,7 +201,7 @@ void CheckRightToCall(RawEnd& end, const std::string& callee, const std::string&
         findings.Fail(kExitNoReply, what, "no answer from " + whom + ": " + answer.error,
                       "does its main loop run?");
     } else {
-        findings.Ok(what, "the bus delivers calls to " + whom);
+        Findings::Ok(what, "the bus delivers calls to " + whom);
     }
 }
 
@@ -227,12 +227,12 @@ void CheckLimits(Findings& findings) {
         findings.Fail(kExitFailed, "match rules", std::to_string(rules) + " per connection" + needs,
                       "raise max_match_rules_per_connection in the bus configuration");
     } else {
-        findings.Ok("match rules", (rules == kMost ? "at least " : "") + std::to_string(rules) +
-                                       " per connection" + needs);
+        Findings::Ok("match rules", (rules == kMost ? "at least " : "") + std::to_string(rules) +
+                                        " per connection" + needs);
     }
-    findings.Ok("message size",
-                "the bus does not tell its limit; 32 MiB on a stock system bus, and a larger "
-                "message ends the sender's connection");
+    Findings::Ok("message size",
+                 "the bus does not tell its limit; 32 MiB on a stock system bus, and a larger "
+                 "message ends the sender's connection");
 }
 
 // Opens the channel as an application does.
@@ -252,7 +252,7 @@ void CheckPartner(const std::string& channel, std::chrono::milliseconds wait, bo
     }
     if (partner) {
         CheckRightToCall(end, *partner, "the partner", findings);
-        findings.Ok("partner", Describe(end, *partner) + " has answered SYN with SYN_ACK");
+        Findings::Ok("partner", Describe(end, *partner) + " has answered SYN with SYN_ACK");
         return;
     }
     const RawEnd other(channel);

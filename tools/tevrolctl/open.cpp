@@ -88,7 +88,7 @@ public:
     }
 
 private:
-    void Show(const char* direction, const char* colour, const std::string& what) const {
+    static void Show(const char* direction, const char* colour, const std::string& what) {
         PrintLine(Coloured(kDim, ClockTime(g_get_real_time())) + " " + direction + " " +
                   Coloured(colour, what));
     }
