@@ -1,7 +1,6 @@
 #!/bin/sh
-# The checks that take too long for every change: ThreadSanitizer, valgrind, fuzzing, mutants,
-# coverage, the model, a soak, the instructions of a request, clang-tidy over the tests. Installs what
-# is missing.
+# The checks that take too long for every change: ThreadSanitizer, valgrind, fuzzing, the model, a
+# soak, the instructions of a request, clang-tidy over the tests. Installs what is missing.
 set -eu
 cd "$(dirname "$0")/.."
 
@@ -31,12 +30,6 @@ scripts/valgrind.sh
 
 step "fuzzing, briefly"
 scripts/fuzz.sh 20
-
-step "the conformance tests notice every change of the channel"
-scripts/mutate.sh
-
-step "coverage of src"
-scripts/coverage.sh
 
 step "the handshake in every order of events"
 scripts/check-model.sh

@@ -1,6 +1,7 @@
 #!/bin/sh
 # What CI checks beyond the tests: formatting, clang-tidy, the shared build, the other payload
-# conversion and AddressSanitizer. scripts/check-long.sh has the rest. Installs what is missing.
+# conversion, AddressSanitizer, mutants and coverage. scripts/check-long.sh has the rest. Installs
+# what is missing.
 set -eu
 cd "$(dirname "$0")/.."
 
@@ -46,3 +47,9 @@ cmake --preset asan
 cmake --build --preset asan
 # Floods and the fault matrix would take the sanitizer minutes.
 ctest --preset asan -LE once -E "AFlood|FailEveryCall"
+
+step "the conformance tests notice every change of the channel"
+scripts/mutate.sh
+
+step "coverage of src"
+scripts/coverage.sh

@@ -10,7 +10,7 @@ folder=$1 command=$2 architecture=${3:-$(dpkg --print-architecture)}
 "$(dirname "$0")/install-packages.sh" debootstrap
 root=$(mktemp -d)
 cleanup() {
-  umount "$root/proc" "$root/dev" 2>/dev/null || true
+  umount "$root/proc" "$root/dev/pts" "$root/dev" 2>/dev/null || true
   rm -rf --one-file-system "$root"
 }
 trap cleanup EXIT
@@ -24,6 +24,7 @@ cp /etc/resolv.conf "$root/etc/resolv.conf"
 if [ -d /etc/apt/apt.conf.d ]; then cp -r /etc/apt/apt.conf.d/. "$root/etc/apt/apt.conf.d/"; fi
 mount -t proc proc "$root/proc"
 mount --bind /dev "$root/dev"
+if mountpoint -q /dev/pts; then mount --bind /dev/pts "$root/dev/pts"; fi
 cp -r "$folder" "$root/project"
 
 chroot "$root" /bin/bash -c "cd /project && $command"

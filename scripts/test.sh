@@ -5,7 +5,7 @@ cd "$(dirname "$0")/.."
 
 # shellcheck disable=SC2046 # words on purpose
 scripts/install-packages.sh $(cat scripts/build-packages.txt) libgmock-dev libgtest-dev \
-  dbus-bin git make python3 systemd
+  dbus dbus-bin git make python3 spin systemd
 
 # Warnings are errors in CI only: a newer compiler must not stop a user's build.
 cmake --preset dev -DCMAKE_COMPILE_WARNING_AS_ERROR="${CI:-OFF}"
