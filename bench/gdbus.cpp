@@ -134,6 +134,9 @@ void ServeGDBus(const std::string& channel, const std::string& caller, Conversio
     GDBusNodeInfo* node = g_dbus_node_info_new_for_xml(kIntrospection, nullptr);
     g_dbus_connection_register_object(connection, path.c_str(), node->interfaces[0], &vtable,
                                       nullptr, nullptr, nullptr);
+    // Able to ask its caller, as the channel is. The proxy takes every signal of the caller too.
+    g_dbus_proxy_new_sync(connection, G_DBUS_PROXY_FLAGS_DO_NOT_LOAD_PROPERTIES, nullptr,
+                          caller.c_str(), path.c_str(), kInterface, nullptr, nullptr);
     g_dbus_connection_signal_subscribe(connection, caller.c_str(), kInterface, nullptr,
                                        path.c_str(), nullptr, G_DBUS_SIGNAL_FLAGS_NONE,
                                        per_byte ? Drop<ToBytesPerByte> : Drop<ToBytes>, nullptr,

@@ -52,11 +52,9 @@ void MeasurePeak(const std::string& contender, std::size_t size) {
     Contender asking(contender);
     Bytes warm = Payload(16);
     asking.Request(warm);
+    Bytes payload = Payload(size);
     const double before = StatusLine("VmRSS:");
-    {
-        Bytes payload = Payload(size);
-        asking.Request(payload);
-    }
+    asking.Request(payload);
     Report("memory", "peak", contender, size, 0, StatusLine("VmHWM:") - before);
 }
 

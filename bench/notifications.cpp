@@ -39,7 +39,7 @@ void OpenHandshake(const std::string& channel) {
 }  // namespace
 
 void MeasureNotifications(Extent extent, Peer& socket) {
-    const int rounds = extent == Extent::Quick ? 15 : 150;
+    const int rounds = extent == Extent::Quick ? 15 : 300;
     const std::vector<std::size_t> sizes = {0, 16, 64, 1024};
 
     BoundChannels channels("notifications", {MakeChannel, MakeBulkChannel});

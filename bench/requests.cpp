@@ -32,12 +32,12 @@ int Rounds(Extent extent, std::size_t size, Conversion conversion) {
         return quick ? 60 : 150;
     }
     if (conversion == Conversion::PerByte) {
-        return size <= 65536 ? 9 : size <= 4194304 ? 3 : 1;
+        return size <= 65536 ? 9 : 3;
     }
     if (size <= 262144) {
         return quick ? 60 : 150;
     }
-    return size <= 1048576 ? 60 : 15;
+    return size <= 1048576 ? 90 : 45;
 }
 
 // Enough to forget what the contender before has left behind.

@@ -34,10 +34,10 @@ echo "measuring ($extent)"
 bench() { build/bench/bench/tevrol-bench "$@" >>"$results/figures.csv"; }
 
 if [ $extent = quick ]; then
-  scale_rounds="1 2"
-  peak_sizes="1048576"
+  scale_rounds="1 2 3 4"
+  peak_sizes="1048576 4194304"
 else
-  scale_rounds="1 2 3 4 5 6 7"
+  scale_rounds=$(seq 15)
   peak_sizes="65536 1048576 4194304 16777216"
 fi
 for subject in requests notifications handshake threads log; do

@@ -550,7 +550,7 @@ inline std::vector<char> TevrolDbusRemote::ConvertBytes(GVariant* bytes) {
 
 #else
 
-// One builder call for each byte, as laid down for this conversion; nothing is copied in bulk.
+// One builder call for each byte, the conversion as it is defined; nothing is copied in bulk.
 inline GVariant* TevrolDbusRemote::ConvertBytes(std::vector<char>& bytes) {
     GVariantBuilder* param_builder = g_variant_builder_new(G_VARIANT_TYPE("ay"));
     for (auto byte = bytes.begin(); byte != bytes.end(); ++byte) {
