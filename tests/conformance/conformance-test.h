@@ -1,5 +1,5 @@
 // The fixture of the conformance tests: a channel in the stub world, and the comparison of what it
-// does with what is laid down in recordings/.
+// does with what stands in recordings/.
 #pragma once
 
 #include <gtest/gtest.h>
