@@ -1,7 +1,7 @@
 #!/bin/sh
-# What CI checks beyond the tests: formatting, clang-tidy, the shared build, the other payload
-# conversion, AddressSanitizer, mutants and coverage. scripts/check-long.sh has the rest. Installs
-# what is missing.
+# What CI checks beyond the tests: formatting, clang-tidy, the shared build with the other payload
+# conversion, sanitizers, valgrind, mutants, coverage, instructions, fuzzing and a soak.
+# scripts/check-long.sh has more of the same. Installs what is missing.
 set -eu
 cd "$(dirname "$0")/.."
 
@@ -9,7 +9,7 @@ cd "$(dirname "$0")/.."
 scripts/install-packages.sh $(cat scripts/build-packages.txt) libgmock-dev libgtest-dev \
   clang clang-format clang-tidy git libbenchmark-dev libsdbus-c++-dev
 
-step() { printf '\n== %s\n' "$1"; }
+step() { printf '\n== %s: %s\n' "$(date +%T)" "$1"; }
 
 sources() { git ls-files -- '*.cpp' '*.h'; }
 
@@ -32,24 +32,39 @@ step "clang-tidy, and with it clang++'s warnings"
 cmake --preset clang -DTEVROL_BENCHMARKS=ON -DCMAKE_DISABLE_PRECOMPILE_HEADERS=ON
 git ls-files -- '*.cpp' | grep -v '^tests/' | xargs -P 2 -n 2 clang-tidy --quiet -p build/clang
 
-step "release: shared and optimised"
-cmake --preset release -DCMAKE_COMPILE_WARNING_AS_ERROR=ON
-cmake --build --preset release
-ctest --preset release -LE once
-
-step "bulk: payloads converted in one copy"
+step "bulk: shared, optimised, payloads converted in one copy"
 cmake --preset bulk -DCMAKE_COMPILE_WARNING_AS_ERROR=ON
 cmake --build --preset bulk
 ctest --preset bulk -LE once
 
+# Floods and the fault matrix would take the sanitizers minutes: check-long.sh has them.
 step "AddressSanitizer, LeakSanitizer, UndefinedBehaviorSanitizer"
 cmake --preset asan
 cmake --build --preset asan
-# Floods and the fault matrix would take the sanitizer minutes.
 ctest --preset asan -LE once -E "AFlood|FailEveryCall"
+
+step "ThreadSanitizer"
+cmake --preset tsan
+cmake --build --preset tsan
+ctest --preset tsan -LE once -E "AFlood|FailEveryCall"
+
+step "every suppression is needed"
+scripts/check-suppressions.sh
+
+step "valgrind over the conformance tests"
+scripts/valgrind.sh conformance
 
 step "the conformance tests notice every change of the channel"
 scripts/mutate.sh
 
 step "coverage of src"
 scripts/coverage.sh
+
+step "instructions of a request"
+scripts/check-instructions.sh
+
+step "fuzzing, briefly"
+scripts/fuzz.sh 20
+
+step "the channel under load"
+scripts/soak.sh 15

@@ -1,6 +1,7 @@
 // What the destructor releases, what it waits for and what it leaves behind.
 #include "tests/support/channel-test.h"
 #include "tests/support/gio-calls.h"
+#include "tests/support/handshake.h"
 
 namespace {
 
@@ -30,7 +31,7 @@ TEST_F(Teardown, WithAResendPendingEmptiesTheMapAndWaitsForTheThreadsLastPass) {
     partner.Join();
     ASSERT_TRUE(partner.HoldClientName(HandshakeStage::SynAck));
     partner.Open();
-    ASSERT_TRUE(IterateUntil([&] { return channel->m_timerThread != 0; }));
+    ASSERT_TRUE(IterateUntil([&] { return ResendThread(*channel) != 0; }));
     gio_calls::Clear();
     ClearLog();
     delete channel;

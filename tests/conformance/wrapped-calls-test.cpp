@@ -36,7 +36,7 @@ std::string OutputOf(const std::string& command) {
 // check. The channel's own symbols are C++ as well.
 bool IsRuntime(const std::string& symbol) {
     static const std::regex runtime(
-        "_Z.*|__cxa_.*|_Unwind_.*|__gxx_personality_v0|_GLOBAL_OFFSET_TABLE_|__stack_chk_fail|"
+        "_Z.*|__cxa_.*|_Unwind_.*|__g(cc|xx)_personality_v0|_GLOBAL_OFFSET_TABLE_|__stack_chk_fail|"
         "memcmp|memcpy|memmove|memset|bcmp|strlen|stdout|__g?cov_.*|__gcov_.*|llvm_gcov.*|"
         "__(a|l|t|ub|h)san_.*|__sanitizer_.*|__sancov.*|g_variant_type_checked_");
     return std::regex_match(symbol, runtime);

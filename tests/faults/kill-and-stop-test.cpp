@@ -276,6 +276,7 @@ protected:
     }
 
     bool ResendIsRunning() const {
+        const PTAutoLock lock(channel->m_mutex);
         return channel->m_timerThread != 0;
     }
 

@@ -112,6 +112,21 @@ protected:
         return limit - Overhead(route, destination);
     }
 
+    // For a death test: the test starts itself once more, in another process.
+    void PrepareDeath() const {
+        GTEST_FLAG_SET(death_test_style, "threadsafe");
+        setenv("TMPDIR", bus.Folder().c_str(), 1);
+    }
+
+    // A byte more than the bus lets through, from a process that does as GIO has it.
+    void Exceed(Route route, std::size_t limit) {
+        g_dbus_connection_set_exit_on_close(connection, TRUE);
+        Connect();
+        std::cerr << "connected" << std::endl;
+        Carry(route, Pattern(Largest(route, limit) + 1));
+        IterateUntil([] { return false; });
+    }
+
     TestChannel channel;
     tevrol::Partner partner;
 
@@ -231,16 +246,8 @@ TEST_P(PayloadAtLowLimit, ArrivesUnchangedExactlyAtIt) {
 }
 
 TEST_P(PayloadOutAtLowLimit, EndsTheProcessOneByteAboveIt) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    setenv("TMPDIR", bus.Folder().c_str(), 1);
-    const auto exceed = [this] {
-        g_dbus_connection_set_exit_on_close(connection, TRUE);
-        Connect();
-        std::cerr << "connected" << std::endl;
-        Carry(GetParam(), Pattern(Largest(GetParam(), kLowLimit) + 1));
-        IterateUntil([] { return false; });
-    };
-    EXPECT_EXIT(exceed(), testing::KilledBySignal(SIGTERM), "connected");
+    PrepareDeath();
+    EXPECT_EXIT(Exceed(GetParam(), kLowLimit), testing::KilledBySignal(SIGTERM), "connected");
 }
 
 TEST_P(PayloadOutAtLowLimit, CostsAnApplicationThatLivesOnItsConnectionOneByteAboveIt) {
@@ -284,6 +291,7 @@ protected:
         std::cout << "peak memory of both ends: " << usage.ru_maxrss / 1024 << " MiB\n";
     }
 };
+
 TEST_F(StockLimit, LetsInOneByteBelow) {
     ExpectArrival(Route::NotificationIn, 1);
 }
@@ -299,21 +307,18 @@ TEST_F(StockLimit, CutsOffThePartnerForOneByteMore) {
     EXPECT_TRUE(IterateUntil([&] { return !channel.IsConnectionReady(); }));
 }
 
+TEST_F(StockLimit, LetsOutOneByteBelow) {
+    ExpectArrival(Route::NotificationOut, 1);
+}
+
 TEST_F(StockLimit, LetsOutExactlyThatMuch) {
     ExpectArrival(Route::NotificationOut, 0);
 }
 
 TEST_F(StockLimit, EndsTheProcessForOneByteMore) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    setenv("TMPDIR", bus.Folder().c_str(), 1);
-    const auto exceed = [this] {
-        g_dbus_connection_set_exit_on_close(connection, TRUE);
-        Connect();
-        std::cerr << "connected" << std::endl;
-        Carry(Route::NotificationOut, Pattern(Largest(Route::NotificationOut, kStockLimit) + 1));
-        IterateUntil([] { return false; });
-    };
-    EXPECT_EXIT(exceed(), testing::KilledBySignal(SIGTERM), "connected");
+    PrepareDeath();
+    EXPECT_EXIT(Exceed(Route::NotificationOut, kStockLimit), testing::KilledBySignal(SIGTERM),
+                "connected");
 }
 
 }  // namespace
