@@ -71,10 +71,15 @@ class Pair:
         return self.application.lines
 
 
-def healthy_partner_first():
+def partner_first(*options):
     pair = Pair()
-    pair.start_partner()
+    pair.start_partner(*options)
     pair.start_application()
+    return pair
+
+
+def healthy_partner_first():
+    pair = partner_first()
     pair.application.wait_for("reply: report 1")
     return pair.finish()
 
@@ -95,9 +100,7 @@ def no_bus():
 
 
 def name_taken():
-    pair = Pair()
-    pair.start_partner("--hold=ack")
-    pair.start_application()
+    pair = partner_first("--hold=ack")
     pair.application.wait_for("Will try once again")
     pair.partner.tell("release ack")
     pair.application.wait_for("Finished timer thread")
@@ -121,9 +124,7 @@ def registration_refused():
 
 
 def partner_lost():
-    pair = Pair()
-    pair.start_partner()
-    pair.start_application()
+    pair = partner_first()
     pair.application.wait_for("reply: report 1")
     pair.partner.tell("quit")
     pair.application.wait_for("Stop watching")
@@ -131,17 +132,13 @@ def partner_lost():
 
 
 def partner_lost_in_request():
-    pair = Pair()
-    pair.start_partner("--leave=request")
-    pair.start_application()
+    pair = partner_first("--leave=request")
     pair.application.wait_for("Stop watching")
     return pair.finish()
 
 
 def wrong_type():
-    pair = Pair()
-    pair.start_partner("--fault=wrong-type")
-    pair.start_application()
+    pair = partner_first("--fault=wrong-type")
     pair.application.wait_for("Unexpected type")
     pair.partner.tell("notify-wrong-type text")
     pair.application.wait_for("cb_SignalCall sender")

@@ -378,8 +378,7 @@ TEST_P(KillAndStopAt, ABusThatIsKilledLeavesAnApplicationThatLivesOnWithFailingS
 }
 
 TEST_P(KillAndStopAt, ABusThatIsKilledEndsAnApplicationThatKeepsExitOnCloseOnceItsLoopRuns) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    setenv("TMPDIR", bus.Folder().c_str(), 1);  // what the ended process leaves behind goes there
+    PrepareDeath();
     const auto lose_the_bus = [this] {
         g_dbus_connection_set_exit_on_close(connection, TRUE);
         StrikeAt(GetParam(), [this] {
@@ -418,8 +417,7 @@ TEST_F(KillAndStop, PrintsHowManyCellsThereAre) {
 }
 
 TEST_F(KillAndStop, TheEndOfTheBusEndsTheProcessOnlyWhenItsLoopRuns) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    setenv("TMPDIR", bus.Folder().c_str(), 1);
+    PrepareDeath();
     const auto lose_the_bus = [this] {
         Begin(kB);
         ASSERT_TRUE(IterateUntil([&] { return BothAreReady(); }));
@@ -437,8 +435,7 @@ TEST_F(KillAndStop, TheEndOfTheBusEndsTheProcessOnlyWhenItsLoopRuns) {
 }
 
 TEST_F(KillAndStop, ARequestWithoutAFreeDescriptorEndsTheProcessAndANotificationDoesNot) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    setenv("TMPDIR", bus.Folder().c_str(), 1);
+    PrepareDeath();
     const auto run_out_of_descriptors = [this] {
         Begin(kB);
         ASSERT_TRUE(IterateUntil([&] { return BothAreReady(); }));

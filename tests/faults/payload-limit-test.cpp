@@ -112,12 +112,6 @@ protected:
         return limit - Overhead(route, destination);
     }
 
-    // For a death test: the test starts itself once more, in another process.
-    void PrepareDeath() const {
-        GTEST_FLAG_SET(death_test_style, "threadsafe");
-        setenv("TMPDIR", bus.Folder().c_str(), 1);
-    }
-
     // A byte more than the bus lets through, from a process that does as GIO has it.
     void Exceed(Route route, std::size_t limit) {
         g_dbus_connection_set_exit_on_close(connection, TRUE);

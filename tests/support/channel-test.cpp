@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 
 GDBusConnection* ChannelTest::connection = nullptr;
 
@@ -139,6 +140,11 @@ ChannelTest::ChannelTest(const std::string& bus_limits, const std::string& polic
 
 ChannelTest::~ChannelTest() {
     g_object_unref(connection);
+}
+
+void ChannelTest::PrepareDeath() const {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    setenv("TMPDIR", bus.Folder().c_str(), 1);
 }
 
 void ChannelTest::Settle(TestPartner& partner) {

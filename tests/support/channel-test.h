@@ -144,6 +144,10 @@ protected:
                          GDBusConnection* (*connect)() = ConnectToSystemBus);
     ~ChannelTest() override;
 
+    // Before a death test, whose process starts the whole program once more: what it leaves behind
+    // goes to the folder of the bus.
+    void PrepareDeath() const;
+
     // Returns when everything that `partner` has sent so far has been dispatched here: it has
     // passed the bus, arrived at this process, and the main context is idle.
     static void Settle(TestPartner& partner);
