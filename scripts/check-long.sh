@@ -19,13 +19,6 @@ cmake --preset release -DCMAKE_COMPILE_WARNING_AS_ERROR=ON
 cmake --build --preset release
 ctest --preset release -LE once
 
-for sanitizer in asan tsan; do
-  step "$sanitizer: floods and the fault matrix"
-  cmake --preset $sanitizer
-  cmake --build --preset $sanitizer
-  ctest --preset $sanitizer -R "AFlood|FailEveryCall"
-done
-
 step "valgrind over the unit tests"
 scripts/valgrind.sh unit
 
