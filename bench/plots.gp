@@ -31,6 +31,7 @@ set format x "%g"
 set yrange [0:*]
 set xlabel "channels in one process"
 set ylabel "µs, KiB"
+set key center right
 set output "scale.svg"
 set title "Cost per channel"
 plot "scale.dat" using 1:2 with linespoints lw 2 title "time to ready, each (µs)", \
