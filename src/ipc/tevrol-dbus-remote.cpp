@@ -11,8 +11,7 @@ namespace {
 
 constexpr const char* kLogTag = "sandrel";
 
-// Time between two attempts at a failed announcement, in microseconds. It also bounds how long the
-// destructor waits for the resend thread.
+// Time between two attempts at a failed announcement, in microseconds.
 constexpr useconds_t kResendPeriod = 500000;
 
 constexpr const char* kBusDriverName = "org.freedesktop.DBus";
@@ -97,7 +96,7 @@ void PrintBytes(const std::vector<char>& bytes) {
 TevrolDbusRemote::TevrolDbusRemote(std::string name) : m_name(std::move(name)) {
     __dlog_print(LOG_LINE(DLOG_DEBUG, __func__, "Constructor\n\n"));
     G_GNUC_BEGIN_IGNORE_DEPRECATIONS
-    g_type_init();
+    g_type_init();  // without effect since GLib 2.36
     G_GNUC_END_IGNORE_DEPRECATIONS
 
     m_introspection_data = g_dbus_node_info_new_for_xml(INTERFACE_XML, nullptr);
@@ -158,7 +157,8 @@ TevrolDbusRemote::TevrolDbusRemote(std::string name) : m_name(std::move(name)) {
 }
 
 // No lock, deliberately: the resend thread is ended by the emptied map and then joined, and bus
-// callbacks cannot run meanwhile, because this is the loop thread.
+// callbacks cannot run meanwhile, because this is the loop thread. A resend pass can: keeping it
+// out is left to the application.
 TevrolDbusRemote::~TevrolDbusRemote() {
     m_handshake = CONNECTION_NOT_STARTED;
     m_resendHandshake.clear();
@@ -612,7 +612,8 @@ std::vector<char> TevrolDbusRemote::SendMessage(std::vector<char>& data) {
     __dlog_print(LOG_LINE(DLOG_DEBUG, __func__, "Reply with %d bytes\n\n"),
                  static_cast<int>(result_bytes.size()));
     // `result` keeps its reference for good, deliberately: do not add a release. The process grows
-    // by the size of each reply.
+    // by the size of each reply. The copy has exactly the reply's size, deliberately: a buffer that
+    // has grown byte by byte may have room for twice as much.
     return std::vector<char>(result_bytes);
 }
 
@@ -633,7 +634,7 @@ void TevrolDbusRemote::cb_MethodCall(GDBusConnection* connection, const gchar* s
     }
     auto* pThis = static_cast<TevrolDbusRemote*>(user_data);
     if (pThis->m_object_name != object_path) {
-        return;
+        return;  // unanswered; GIO calls for the path that is registered alone
     }
     std::vector<char> param_bytes = ConvertBytes(parameters);
     std::vector<char> result = pThis->HandleMessage(param_bytes);

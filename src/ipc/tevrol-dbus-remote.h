@@ -50,9 +50,10 @@ public:
     // connection that the whole process shares), exports the channel object, subscribes to the
     // partner's handshake names and announces this end once (RequestName and ReleaseName).
     //
-    // Blocks for those bus calls, each up to GIO's timeout of 25 s. The handlers are called by the
-    // main context that is the thread-default context of this thread, once it is iterated; never
-    // during construction. Takes no lock.
+    // Blocks for those bus calls: for connecting without a documented timeout, for every other call
+    // up to GIO's timeout of 25 s. The handlers are called by the main context that is the
+    // thread-default context of this thread, once it is iterated; never during construction. Takes
+    // no lock.
     //
     // Never throws on bus errors. Without a bus the object stays inert and is never ready. When
     // the object path is taken already (a second channel of the same name in this process), that
@@ -60,11 +61,15 @@ public:
     // then finds this end when it announces itself. Only a failed allocation throws.
     explicit TevrolDbusRemote(std::string name);
 
-    // Ends the resend thread, waiting for it up to about half a second plus one announcement (a
-    // second with the bus alive), and releases what the object holds. Runs in any state.
+    // Releases what the object holds, in any state of the handshake. A resend thread between two
+    // passes is waited for: half a second and one announcement.
     //
-    // To be called on the loop thread, with no other thread inside an operation of this object;
-    // takes no lock and logs nothing.
+    // To be called on the loop thread, with no other thread inside an operation of this object and
+    // no resend pass under way; takes no lock and logs nothing. It empties the list of owed
+    // announcements, by design without the lock: a pass would be walking that list (undefined), and
+    // if its announcement fails it puts the entry back, so that this waits for as long as
+    // announcements fail. An application cannot see a pass; so where one may be under way, it keeps
+    // the channel until the process ends.
     //
     // By design the registration of the channel object and the three subscriptions to the
     // partner's handshake names stay at the bus connection, with this object as their user data:
@@ -83,15 +88,17 @@ public:
     //
     // Called on the loop thread for each D-Bus call of "Send", without a lock. Until it returns, no
     // other bus callback of the loop runs. Requests are taken from any process that the bus lets
-    // through, before the handshake too. `data` is gone after the call. Must not throw: the
-    // exception would pass through GLib's C code.
+    // through, before the handshake too; one of another type than "(ay)" is answered by GIO with an
+    // error and does not come here. `data` is gone after the call. Must not throw: the exception
+    // would pass through GLib's C code.
     virtual std::vector<char> HandleMessage(std::vector<char>& data);
 
     // Takes a notification of the bound partner: `data` holds its bytes as they were sent. Override
     // it; the default logs and prints them.
     //
     // Called on the loop thread for each D-Bus signal of the channel's interface from the partner,
-    // without a lock. `data` is gone after the call. Must not throw, as HandleMessage.
+    // without a lock; one of another type than "(ay)" is logged and dropped. `data` is gone after
+    // the call. Must not throw, as HandleMessage.
     virtual void HandleNotification(std::vector<char>& data);
 
     // Tells that a partner has become ready (`state` true) or has been lost (false); `partner` is
@@ -100,10 +107,13 @@ public:
     // Called on the loop thread, or on the resend thread when the completing announcement had to
     // be repeated, and always with m_mutex held: it may call SendMessage, SendNotification and
     // IsConnectionReady, which take no lock, but must not wait for another thread that is inside a
-    // bus callback of this channel, and must not run the main loop. On loss the partner's name is
-    // already forgotten while IsConnectionReady still gives its old answer. True may come
-    // repeatedly, and with the name of another process than the bound partner: whoever releases
-    // the partner's ACK name completes the handshake. Must not throw, as HandleMessage.
+    // bus callback of this channel, and must not run the main loop. Must not throw, as
+    // HandleMessage.
+    //
+    // True may come repeatedly, and with the name of another process than the bound partner:
+    // whoever releases the partner's ACK name completes the handshake. On loss the partner's name
+    // is forgotten already, while IsConnectionReady still gives its old answer: a request fails,
+    // and SendNotification must not be called (see there).
     virtual void HandleConnectionReady(bool state, const std::string& partner);
 
     // Sends `data` (not modified; 0 bytes to the bus's message limit, 32 MiB on a stock system bus)
@@ -113,8 +123,8 @@ public:
     // Blocks until the reply, an error or GIO's timeout of 25 s; from any thread. On the loop
     // thread nothing else is dispatched meanwhile, so two ends that request of each other from
     // their loop threads at once wait for each other. Takes no lock: a partner that is lost at the
-    // same moment must not race with the call, so call it on the loop thread or keep the loss
-    // apart from it.
+    // same moment must not race with the call, so call it on the loop thread, or hold a lock of the
+    // application's around it that HandleConnectionReady takes, too.
     //
     // Every failure gives an empty buffer, and so does an empty reply:
     //   - not ready: the line "Connection not set." on standard output;
@@ -128,8 +138,15 @@ public:
     // Sends `data` (not modified; sizes as for SendMessage) to the partner as the D-Bus signal
     // "SendSignal", addressed to it alone (g_dbus_connection_emit_signal).
     //
-    // Queues the message and returns; from any thread, without a lock. Nothing tells whether the
-    // partner took it. Logged and not sent: when not ready, and when no partner is bound; an error
+    // Queues the message and returns; without a lock. Nothing tells whether the partner took it.
+    //
+    // From any thread, but not while a loss is handled, HandleConnectionReady included: the
+    // partner's name is forgotten before the loss is told, so that no lock of the application's
+    // keeps the two apart. On another thread they race for the name. In the handler the signal goes
+    // to nobody: GIO reports a critical, and the payload's memory is not released. So call it on
+    // the loop thread (g_main_context_invoke).
+    //
+    // Logged and not sent: when not ready, and when no partner is bound; an error
     // of the emission is logged too. A message over the bus's limit is queued without an error; the
     // bus then closes the connection.
     void SendNotification(std::vector<char>& data);
@@ -138,7 +155,9 @@ public:
     // that it is not and sends nothing.
     void SendNotification(std::vector<char>& data, const std::string& partner);
 
-    // Whether the handshake is complete: true from its completion to the loss of the partner.
+    // Whether the handshake is complete: true from its completion until the loss of the partner has
+    // been told. It turns false without a loss when a SYN_ACK that had to be repeated is announced
+    // after another process has completed the handshake, and stays true when the bus goes.
     // From any thread; takes no lock, so the answer may be outdated when it is used.
     bool IsConnectionReady();
 
@@ -208,6 +227,8 @@ private:
     static const char* const BROADCAST_PREFIX;
     static const char* const LISTEN_PREFIX;
     static const GDBusInterfaceVTable m_vtable;
+
+    // Construction and destruction write all of these without the lock.
 
     // Constant after construction.
     std::string m_name;              // the channel name
