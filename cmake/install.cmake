@@ -2,7 +2,7 @@
 #   runtime  what a device needs: the shared library (in a shared build), the bus policy, the group
 #   dev      what building an application needs: headers, library, CMake package, pkg-config file
 #   tools    the programs for development, where they are built
-#   doc      documentation, and the example application with its unit
+#   doc      documentation, the example applications and a unit
 include(CMakePackageConfigHelpers)
 
 # ---- runtime ----
@@ -59,10 +59,7 @@ install(FILES ${pc_file} DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT
 
 # ---- tools ----
 if(TEVROL_DEVELOPMENT)
-  set(installed_tools tevrol-partner tevrol-private-bus)
-  if(TARGET tevrolctl)
-    list(APPEND installed_tools tevrolctl)
-  endif()
+  set(installed_tools tevrol-partner tevrol-private-bus tevrolctl)
   # They find the shared library under any prefix.
   file(RELATIVE_PATH bin_to_lib ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
   set_target_properties(${installed_tools} PROPERTIES INSTALL_RPATH "$ORIGIN/${bin_to_lib}")

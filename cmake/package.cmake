@@ -41,7 +41,7 @@ set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION devel)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "tevrol-dbus-remote (${this_version}), dbus-daemon")
 
 set(CPACK_DEBIAN_DOC_PACKAGE_NAME tevrol-dbus-remote-doc)
-set(CPACK_DEBIAN_DOC_DESCRIPTION "Documentation and example.")
+set(CPACK_DEBIAN_DOC_DESCRIPTION "Documentation and examples.")
 set(CPACK_DEBIAN_DOC_PACKAGE_SECTION doc)
 set(CPACK_DEBIAN_DOC_PACKAGE_ARCHITECTURE all)
 

@@ -8,7 +8,6 @@
 #include <chrono>
 #include <cstdarg>
 #include <cstdio>
-#include <cstdlib>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -17,6 +16,7 @@
 #include <vector>
 
 #include "partner/payload.h"
+#include "tools/colour.h"
 #include "tools/loop.h"
 #include "tools/partner-process.h"
 #include "tools/private-bus.h"
@@ -63,7 +63,7 @@ private:
     }
 
     const std::chrono::steady_clock::time_point m_start = std::chrono::steady_clock::now();
-    const bool m_coloured = isatty(STDOUT_FILENO) != 0 && getenv("NO_COLOR") == nullptr;
+    const bool m_coloured = tevrol::MayColour(STDOUT_FILENO);
     std::mutex m_mutex;  // one line at a time
 };
 
@@ -93,14 +93,6 @@ void Check(bool holds, const std::string& what) {
     if (!holds) {
         throw Failure(what);
     }
-}
-
-Bytes AllByteValues() {
-    Bytes bytes;
-    for (int value = 0; value < 256; ++value) {
-        bytes.push_back(static_cast<char>(value));
-    }
-    return bytes;
 }
 
 Bytes Reversed(const Bytes& bytes) {
@@ -194,7 +186,7 @@ void AwaitHandshake(Application& application, ToldPartner& partner, Totals& tota
 }
 
 void RequestBothWays(Application& application, ToldPartner& partner, Totals& totals) {
-    Bytes request = AllByteValues();
+    Bytes request = tevrol::AllByteValues();
     Tell("application", "requests an echo of all 256 byte values");
     const Bytes reply = application.SendMessage(request);
     partner.Await("request from ");

@@ -23,8 +23,8 @@ public:
 
     void HandleNotification(std::vector<char>&) override {}
 
-    // While it waits for m_turn, a request that is under way ends: the partner is forgotten only
-    // after this has returned, so no request meets a partner that is just being released.
+    // While it waits for m_turn, a request that is under way ends: what a request needs of the
+    // partner is released only after this has returned.
     void HandleConnectionReady(bool state, const std::string& partner) override {
         const std::lock_guard<std::mutex> lock(m_turn);
         std::cout << (state ? "ready: " : "lost: ") << partner << std::endl;

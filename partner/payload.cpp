@@ -8,6 +8,20 @@ namespace {
 constexpr const char* kHexMark = "hex:";
 constexpr const char* kHexDigits = "0123456789abcdef";
 
+std::string Size(const Bytes& bytes) {
+    return std::to_string(bytes.size()) + (bytes.size() == 1 ? " byte" : " bytes");
+}
+
+std::string MarkedHex(const Bytes& bytes) {
+    return kHexMark + ToHex(bytes);
+}
+
+std::string Quoted(const Bytes& bytes) {
+    std::string text = "\"";
+    text.append(bytes.begin(), bytes.end());
+    return text + "\"";
+}
+
 bool IsPlain(char byte) {
     return byte >= 0x20 && byte <= 0x7e;
 }
@@ -29,6 +43,14 @@ std::optional<int> DigitValue(char digit) {
 
 Bytes ToBytes(const std::string& text) {
     return Bytes(text.begin(), text.end());
+}
+
+Bytes AllByteValues() {
+    Bytes bytes;
+    for (int value = 0; value < 256; ++value) {
+        bytes.push_back(static_cast<char>(value));
+    }
+    return bytes;
 }
 
 std::string ToHex(const Bytes& bytes) {
@@ -60,23 +82,22 @@ std::optional<Bytes> FromHex(const std::string& digits) {
 }
 
 std::string Describe(const Bytes& bytes, std::size_t limit) {
+    if (bytes.empty()) {
+        return Size(bytes);
+    }
     const auto shown = static_cast<std::ptrdiff_t>(std::min(bytes.size(), limit));
     const Bytes head(bytes.begin(), bytes.begin() + shown);
-    std::string line = std::to_string(bytes.size()) + (bytes.size() == 1 ? " byte" : " bytes");
-    if (bytes.empty()) {
-        return line;
-    }
-    if (std::all_of(bytes.begin(), bytes.end(), IsPlain)) {
-        line += " \"" + std::string(head.begin(), head.end()) + "\"";
-    } else {
-        line += " ";
-        line += kHexMark;
-        line += ToHex(head);
-    }
+    const bool plain = std::all_of(bytes.begin(), bytes.end(), IsPlain);
+    std::string line = Size(bytes) + " ";
+    line += plain ? Quoted(head) : MarkedHex(head);
     if (head.size() < bytes.size()) {
         line += " (+" + std::to_string(bytes.size() - head.size()) + " more)";
     }
     return line;
+}
+
+std::string DescribeInHex(const Bytes& bytes) {
+    return bytes.empty() ? Size(bytes) : Size(bytes) + " " + MarkedHex(bytes);
 }
 
 std::optional<Bytes> ParsePayload(const std::string& typed) {

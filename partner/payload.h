@@ -12,6 +12,9 @@ using Bytes = std::vector<char>;
 
 Bytes ToBytes(const std::string& text);
 
+// Every byte value once, in order.
+Bytes AllByteValues();
+
 // Every byte as two lower-case hexadecimal digits.
 std::string ToHex(const Bytes& bytes);
 
@@ -23,6 +26,9 @@ std::optional<Bytes> FromHex(const std::string& digits);
 // is printable ASCII, otherwise as "hex:" and digits. Shows `limit` bytes at most and says how many
 // it left out.
 std::string Describe(const Bytes& bytes, std::size_t limit = 64);
+
+// The same with all of the content, and always as "hex:" and digits.
+std::string DescribeInHex(const Bytes& bytes);
 
 // What a person typed: digits after "hex:", otherwise the text as it stands. Nothing if the digits
 // are malformed.

@@ -40,6 +40,13 @@ void PartnerProcess::Signal(int signal) {
     g_subprocess_send_signal(m_process.get(), signal);
 }
 
+int PartnerProcess::Wait() {
+    g_subprocess_wait(m_process.get(), nullptr, nullptr);
+    return g_subprocess_get_if_exited(m_process.get()) != FALSE
+               ? g_subprocess_get_exit_status(m_process.get())
+               : -1;
+}
+
 void PartnerProcess::Kill() {
     Signal(SIGKILL);
     g_subprocess_wait(m_process.get(), nullptr, nullptr);

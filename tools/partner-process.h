@@ -27,6 +27,8 @@ public:
     void Command(const std::string& line);
     // Sends a signal.
     void Signal(int signal);
+    // Waits until it has ended by itself. Returns its exit status; -1 when a signal has ended it.
+    int Wait();
     // SIGKILL, and waits until it is gone.
     void Kill();
     // SIGSTOP, and waits until it has stopped; Signal(SIGCONT) lets it go on.

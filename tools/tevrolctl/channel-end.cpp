@@ -8,14 +8,26 @@
 #include <cstdio>
 #include <thread>
 
+#include "tools/colour.h"
+
 namespace {
 
 std::atomic<bool> g_show_log{false};
 
-// The last failure that the library has logged on this thread.
-std::string& LastError() {
-    thread_local std::string error;
-    return error;
+// A line of the library's log.
+struct LogLine {
+    int priority = DLOG_DEBUG;
+    std::string message;
+};
+
+// The last one on this thread. The library tells the outcome of an operation by it.
+LogLine& LastLine() {
+    thread_local LogLine line;
+    return line;
+}
+
+bool LastLineBegins(const std::string& beginning) {
+    return LastLine().message.compare(0, beginning.size(), beginning) == 0;
 }
 
 // Without the prefix that names the place in the library: "FILE: FUNCTION(LINE) > [...] MESSAGE".
@@ -35,11 +47,9 @@ extern "C" int __dlog_print(int /*log_id*/, int priority, const char* /*tag*/, c
     va_end(args);
     const std::string line = g_strchomp(text);
     g_free(text);
-    if (priority == DLOG_ERROR) {
-        LastError() = MessageOf(line);
-    }
+    LastLine() = {priority, MessageOf(line)};
     if (g_show_log) {
-        const bool dimmed = tevrolctl::MayColour(STDERR_FILENO);
+        const bool dimmed = tevrol::MayColour(STDERR_FILENO);
         fprintf(stderr, "%s%s %s%s\n", dimmed ? tevrolctl::kDim : "",
                 priority == DLOG_ERROR ? "E" : "D", line.c_str(), dimmed ? tevrolctl::kPlain : "");
     }
@@ -49,14 +59,23 @@ extern "C" int __dlog_print(int /*log_id*/, int priority, const char* /*tag*/, c
 namespace tevrolctl {
 namespace {
 
+std::mutex g_tasks_mutex;  // guards the one below
+std::deque<std::function<void()>> g_tasks;
+
+gboolean RunNextTask(gpointer /*nothing*/) {
+    std::unique_lock<std::mutex> lock(g_tasks_mutex);
+    const std::function<void()> task = std::move(g_tasks.front());
+    g_tasks.pop_front();
+    lock.unlock();
+    task();
+    return G_SOURCE_REMOVE;
+}
+
 // Calls `task` on the main thread, once its loop runs.
 void Post(std::function<void()> task) {
-    const auto run = [](gpointer data) -> gboolean {
-        (*static_cast<std::function<void()>*>(data))();
-        return G_SOURCE_REMOVE;
-    };
-    const auto destroy = [](gpointer data) { delete static_cast<std::function<void()>*>(data); };
-    g_idle_add_full(G_PRIORITY_DEFAULT, run, new std::function<void()>(std::move(task)), destroy);
+    const std::lock_guard<std::mutex> lock(g_tasks_mutex);
+    g_tasks.push_back(std::move(task));
+    g_idle_add_full(G_PRIORITY_DEFAULT, RunNextTask, nullptr, nullptr);
 }
 
 }  // namespace
@@ -94,17 +113,32 @@ void ChannelEnd::SendJobs() {
 
 Outcome ChannelEnd::SendOne(tevrol::Bytes& request) {
     Outcome outcome;
-    if (!IsConnectionReady()) {
-        outcome.error = "the partner is gone";
-        return outcome;
-    }
-    LastError().clear();
+    LastLine() = {};
     const gint64 start = g_get_monotonic_time();
     outcome.reply = SendMessage(request);
     outcome.duration = g_get_monotonic_time() - start;
-    outcome.error = LastError();
-    outcome.ok = outcome.error.empty();
+    outcome.ok = LastLineBegins("Reply with ");
+    if (!outcome.ok) {
+        outcome.error = WhyNot();
+    }
     return outcome;
+}
+
+void ChannelEnd::Notify(tevrol::Bytes payload) {
+    LastLine() = {};
+    SendNotification(payload);
+    if (!LastLineBegins("Sending signal with ")) {
+        throw Failure(kExitFailed, "not sent: " + WhyNot());
+    }
+}
+
+std::string ChannelEnd::WhyNot() {
+    if (LastLine().priority == DLOG_ERROR) {
+        return LastLine().message;
+    }
+    // The library does not log these two.
+    return IsConnectionReady() ? "no proxy of the partner could be created"
+                               : "no connection to the partner";
 }
 
 std::vector<char> ChannelEnd::HandleMessage(std::vector<char>& data) {

@@ -21,7 +21,7 @@ void ShowLog(bool show);
 struct Outcome {
     bool ok = false;
     tevrol::Bytes reply;
-    std::string error;    // the library's own words, where not ok
+    std::string error;    // where not ok; the library's own words, where it logs the failure
     gint64 duration = 0;  // in microseconds
 };
 
@@ -40,6 +40,8 @@ public:
     // Sends `request` on a thread of its own, behind those that are still on their way, and calls
     // `done` on the main thread.
     void Request(tevrol::Bytes request, std::function<void(const Outcome&)> done);
+    // Hands a notification to the bus connection. Throws Failure when the library has not.
+    void Notify(tevrol::Bytes payload);
 
     std::vector<char> HandleMessage(std::vector<char>& data) override;
     void HandleNotification(std::vector<char>& data) override;
@@ -53,6 +55,8 @@ private:
 
     void SendJobs();
     Outcome SendOne(tevrol::Bytes& request);
+    // Why the last operation on this thread has failed.
+    std::string WhyNot();
 
     const Functions m_functions;
     std::mutex m_jobs_mutex;  // guards the three below

@@ -16,7 +16,7 @@ namespace {
 
 constexpr const char* kDetails =
     "One line for each finding: ok, warn or FAIL. Exit status 0 only when all are ok; otherwise\n"
-    "that of the first FAIL.\n\n"
+    "that of the first FAIL, or 1 when it only warns.\n\n"
     "With NAME it opens the channel as an application does. Mind: a waiting partner binds this\n"
     "command, becomes ready and loses it again, and its application is told so; it gets no valid\n"
     "request. A partner that is bound to another process drops SYN and SYN_ACK. It would take an\n"

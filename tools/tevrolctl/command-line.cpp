@@ -11,14 +11,11 @@
 #include <iostream>
 #include <memory>
 
+#include "tools/colour.h"
 #include "tools/private-bus.h"
 
 namespace tevrolctl {
 namespace {
-
-constexpr const char* kExitStatuses =
-    "Exit status: 0 all well; 1 a finding, a failed test or output that cannot be written; 2 wrong "
-    "command line or refused channel name; 3 no bus; 4 no partner; 5 no reply.";
 
 int g_output = STDOUT_FILENO;
 
@@ -146,13 +143,8 @@ void PrintLine(const std::string& line) {
     Print(line + "\n");
 }
 
-bool MayColour(int descriptor) {
-    const char* refusal = getenv("NO_COLOR");
-    return isatty(descriptor) != 0 && (refusal == nullptr || *refusal == '\0');
-}
-
 bool OutputMayColour() {
-    return MayColour(g_output);
+    return tevrol::MayColour(g_output);
 }
 
 std::string Coloured(const char* colour, const std::string& text) {
@@ -182,11 +174,7 @@ std::string Duration(gint64 microseconds) {
 }
 
 std::string DescribePayload(const tevrol::Bytes& payload, bool hex) {
-    if (!hex || payload.empty()) {
-        return tevrol::Describe(payload);
-    }
-    return std::to_string(payload.size()) + (payload.size() == 1 ? " byte" : " bytes") +
-           " hex:" + tevrol::ToHex(payload);
+    return hex ? tevrol::DescribeInHex(payload) : tevrol::Describe(payload);
 }
 
 // ---- Values ----

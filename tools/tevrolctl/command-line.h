@@ -15,12 +15,24 @@ namespace tevrolctl {
 
 enum ExitStatus {
     kExitOk = 0,
-    kExitFailed = 1,     // a finding, a failed test, or output that cannot be written
-    kExitUsage = 2,      // wrong command line, or a refused channel name
-    kExitNoBus = 3,      // the bus cannot be reached, or is gone
+    kExitFailed = 1,     // a finding, a failed test, a malformed recording, a notification that was
+                         // not taken, or output that cannot be written
+    kExitUsage = 2,      // wrong command line, a refused channel name, or unreadable input
+    kExitNoBus = 3,      // the bus cannot be reached, is gone, or may not be monitored
     kExitNoPartner = 4,  // none became ready in time, or it was lost
     kExitNoReply = 5,    // a request failed
 };
+// The same for the help of each subcommand.
+constexpr const char* kExitStatuses =
+    "Exit status:\n"
+    "  0  all well\n"
+    "  1  a finding, a failed test, a malformed recording, a notification that was\n"
+    "     not taken, or output that cannot be written\n"
+    "  2  wrong command line, refused channel name, or input that cannot be read\n"
+    "  3  no bus, or one that may not be monitored\n"
+    "  4  no partner\n"
+    "  5  no reply\n"
+    "128 and its number when a signal ends it; the monitor then ends with 0.";
 
 // Ends a subcommand with a message on standard error.
 class Failure : public std::runtime_error {
@@ -110,8 +122,6 @@ void KeepOutputClean();
 void Print(const std::string& text);
 void PrintLine(const std::string& line);
 
-// Whether what goes to `descriptor` may be coloured: a terminal, and NO_COLOR does not forbid it.
-bool MayColour(int descriptor);
 // Whether Print() may colour.
 bool OutputMayColour();
 constexpr const char* kDim = "\033[2m";
@@ -135,7 +145,8 @@ tevrol::Bytes ReadPayload(const std::string& typed);
 // Seconds as typed for an option. Throws Failure when negative.
 std::chrono::milliseconds Seconds(double seconds);
 
-// Ends the process when SIGINT or SIGTERM arrives and the main loop runs.
+// Ends the process with 128 and the signal's number when SIGINT or SIGTERM arrives and the main
+// loop runs.
 void EndOnSignals();
 
 }  // namespace tevrolctl

@@ -85,6 +85,9 @@ std::string Label(const Event& event) {
     if (event.kind == "refused") {
         return "is refused " + name;
     }
+    if (event.kind == "lost") {
+        return event.to.empty() ? "leaves the bus" : "leaves";
+    }
     return event.kind;
 }
 

@@ -44,7 +44,7 @@ struct Settings {
 std::string Line(const Event& event, bool hex) {
     std::string line = event.channel + "  " + event.from + " " + Label(event);
     if (!event.to.empty() && event.to != event.from) {
-        line += (event.kind == "lost" ? " leaves " : " -> ") + event.to;
+        line += (event.kind == "lost" ? " " : " -> ") + event.to;
     }
     if (HasPayload(event)) {
         line += ": " + DescribePayload(event.payload, hex);

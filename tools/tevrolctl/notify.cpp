@@ -31,8 +31,7 @@ void RequireTaken(GDBusConnection* bus) {
 int Notify(int argc, char** argv) {
     OneShot shot("notify", "Sends one notification.", kDetails, argc, argv);
     ChannelEnd& channel = shot.AwaitPartner();
-    tevrol::Bytes payload = shot.Payload();
-    channel.SendNotification(payload);
+    channel.Notify(shot.Payload());
     RequireTaken(SystemBus());
     return kExitOk;
 }

@@ -191,9 +191,9 @@ private:
         if (command == "request") {
             Request(ReadPayload(argument));
         } else if (command == "notify") {
-            tevrol::Bytes payload = ReadPayload(argument);
+            const tevrol::Bytes payload = ReadPayload(argument);
+            m_channel->Notify(payload);
             Show("->", kGreen, "notification", payload);
-            m_channel->SendNotification(payload);
         } else {
             throw Failure(kExitUsage, "not understood (request, notify or quit): " + line);
         }

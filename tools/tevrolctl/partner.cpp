@@ -32,7 +32,7 @@ error_t ParseBusOption(int key, char* argument, argp_state* state) {
 }
 
 constexpr const char* kExamples =
-    "\vExamples:\n"
+    "Examples:\n"
     "  tevrolctl partner demo\n"
     "  tevrolctl partner --fault=late --lateness=3000 demo\n"
     "  echo 'notify hello' | tevrolctl partner --private-bus demo";
@@ -44,7 +44,8 @@ int Partner(int argc, char** argv) {
     argv[0] = name;
     argp_err_exit_status = kExitUsage;
     BusOptions bus;
-    const argp bus_parser = {kBusOptions, ParseBusOption, nullptr, kExamples,
+    const std::string help = std::string("\v") + kExamples + "\n\n" + kExitStatuses;
+    const argp bus_parser = {kBusOptions, ParseBusOption, nullptr, help.c_str(),
                              nullptr,     nullptr,        nullptr};
     const auto settings = tevrol::ParsePartnerSettings(argc, argv, &bus_parser, &bus);
     RequireUsableName(settings.channel);

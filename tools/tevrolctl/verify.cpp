@@ -42,14 +42,6 @@ void Require(bool holds, const std::string& otherwise) {
     }
 }
 
-tevrol::Bytes AllByteValues() {
-    tevrol::Bytes bytes;
-    for (int value = 0; value < 256; ++value) {
-        bytes.push_back(static_cast<char>(value));
-    }
-    return bytes;
-}
-
 tevrol::Bytes Large() {
     return tevrol::Bytes(std::size_t{1} << 20, 'x');
 }
@@ -303,7 +295,7 @@ private:
     }
     void BinaryRequest() {
         Connect();
-        RequireReply(*m_client, AllByteValues());
+        RequireReply(*m_client, tevrol::AllByteValues());
     }
     void LargeRequest() {
         Connect();
@@ -328,7 +320,7 @@ private:
 
     void Notifications() {
         Connect();
-        for (const tevrol::Bytes& payload : {tevrol::Bytes(), AllByteValues(), Large()}) {
+        for (const tevrol::Bytes& payload : {tevrol::Bytes(), tevrol::AllByteValues(), Large()}) {
             m_client->Notify(m_service, PayloadBody(payload));
         }
         RequireReply(*m_client, Large());
