@@ -1,12 +1,13 @@
 #!/usr/bin/env python3
-"""Shows that the conformance tests notice every change of the channel.
+"""Shows that the tests notice every change of the channel and of its lock.
 
-Applies to src/ipc/tevrol-dbus-remote.cpp, one at a time, the changes that are listed in
-tests/conformance/mutants.txt and, for each log line, another text and the other priority; builds
-each mutant and runs the conformance tests on it. Prints which test noticed it first. Fails when one
-goes unnoticed that is not listed as having no effect, or the other way round.
+Makes, one at a time, the changes that are listed in tests/conformance/mutants.txt and, for each log
+line, another text and the other priority; compiles what the change is meant to be noticed in and
+runs the tests on it. Prints which test noticed it first. Fails when one goes unnoticed that is not
+listed as having no effect, or the other way round.
 """
 import concurrent.futures
+import dataclasses
 import os
 import pathlib
 import re
@@ -16,25 +17,69 @@ import sys
 import tempfile
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
-SOURCE = ROOT / "src/ipc/tevrol-dbus-remote.cpp"
+CHANNEL = "src/ipc/tevrol-dbus-remote.cpp"
 LIST = ROOT / "tests/conformance/mutants.txt"
 BUILD = ROOT / "build/dev"
-OBJECT = "tests/conformance/CMakeFiles/conformance-channel.dir/__/__/src/ipc/tevrol-dbus-remote.cpp.o"
-PROGRAM = "tests/conformance/conformance-tests"
-SECONDS_PER_RUN = 60
+SECONDS_PER_RUN = 30
 AT_ONCE = 2
 QUICKLY = ["-O0", "-g0", "-w"]
 
+CONFORMANCE = "tests/conformance/CMakeFiles/conformance-tests.dir/"
+CONFORMANCE_CHANNEL = "tests/conformance/CMakeFiles/conformance-channel.dir/__/__/src/"
+UNIT = "tests/CMakeFiles/unit-tests.dir/"
+OPENED_CHANNEL = "tests/CMakeFiles/opened-channel.dir/"
+
+
+@dataclasses.dataclass(frozen=True)
+class Way:
+    """A test program that notices a mutant, the objects of it that are compiled with the mutant, and
+    those that are left out: they would be compiled with it too, and are not needed to notice it."""
+    target: str
+    program: str
+    compiled: tuple
+    left_out: str = r"(?!)"  # a pattern
+    tests: str = "*"
+
+
+# By the names that the list uses.
+WAYS = {
+    "channel": Way("conformance-tests", "tests/conformance/conformance-tests",
+                   (CONFORMANCE_CHANNEL + "ipc/tevrol-dbus-remote.cpp.o",)),
+    "lock": Way("conformance-tests", "tests/conformance/conformance-tests",
+                (CONFORMANCE_CHANNEL + "common/PTMutex.cpp.o",)),
+    "layout": Way("conformance-tests", "tests/conformance/conformance-tests",
+                  (CONFORMANCE_CHANNEL + "ipc/tevrol-dbus-remote.cpp.o",
+                   CONFORMANCE_CHANNEL + "common/PTMutex.cpp.o",
+                   CONFORMANCE + "layout-test.cpp.o", CONFORMANCE + "conformance-test.cpp.o",
+                   CONFORMANCE + "stub-world.cpp.o"),
+                  left_out=r".*/(recordings|fail-every-call|wrapped-calls)-test\.cpp\.o"),
+    "lock by itself": Way("unit-tests", "tests/unit-tests",
+                          (OPENED_CHANNEL + "__/src/common/PTMutex.cpp.o",
+                           UNIT + "lock-test.cpp.o"),
+                          tests="Lock.*"),
+    "bulk conversion": Way("unit-tests", "tests/unit-tests",
+                           ("tests/CMakeFiles/conversion-Bulk.dir/support/conversion.cpp.o",),
+                           tests="ConversionTest.*"),
+}
+
 
 class Mutant:
-    def __init__(self, name):
+    def __init__(self, name, file=CHANNEL, way="channel"):
         self.name = name
+        self.file = file
+        self.way = way
         self.old = []
         self.new = []
+        self.swapped = None     # two texts
         self.occurrence = None  # of the old text, from 1; needed where it stands more than once
         self.harmless = None    # why no test can notice it
 
     def apply(self, source):
+        if self.swapped:
+            parts = re.split(f"({'|'.join(re.escape(text) for text in self.swapped)})", source)
+            if {parts[1], parts[-2]} != set(self.swapped) or len(parts) != 5:
+                sys.exit(f"mutant \"{self.name}\": its texts do not stand once each in the source")
+            return "".join([parts[0], parts[3], parts[2], parts[1], parts[4]])
         old, new = "\n".join(self.old), "\n".join(self.new)
         count = source.count(old)
         if count == 0 or (count > 1 and self.occurrence is None):
@@ -46,13 +91,18 @@ class Mutant:
 
 def listed_mutants():
     mutants = []
+    file = way = None
     for line in LIST.read_text().splitlines():
-        if line.startswith("== "):
-            mutants.append(Mutant(line[3:]))
+        if line.startswith("in "):
+            file, way = line[3:].split(", by ")
+        elif line.startswith("== "):
+            mutants.append(Mutant(line[3:], file, way))
         elif line.startswith("-"):
             mutants[-1].old.append(line[1:])
         elif line.startswith("+"):
             mutants[-1].new.append(line[1:])
+        elif line.startswith("swap "):
+            mutants[-1].swapped = line[len("swap "):].split(" <-> ")
         elif line.startswith("@"):
             mutants[-1].occurrence = int(line[1:])
         elif line.startswith("no effect: "):
@@ -61,7 +111,7 @@ def listed_mutants():
 
 
 def log_line_mutants(source):
-    """For each log line: the other priority, and a text without its first letter."""
+    """For each log line: the other priority, and the text with a blank behind it."""
     mutants = []
     line = re.compile(r'LOG_LINE\((DLOG_\w+), (\w+),\s*"((?:[^"\\]|\\.)*)"')
     for number, found in enumerate(line.finditer(source), 1):
@@ -77,30 +127,57 @@ def log_line_mutants(source):
     return mutants
 
 
-def build_commands():
-    """How the build compiles the channel and links the tests."""
-    lines = subprocess.run(["ninja", "-C", str(BUILD), "-t", "commands", "conformance-tests"],
+def build_commands(way):
+    """How the build links the way's program and compiles its objects."""
+    lines = subprocess.run(["ninja", "-C", str(BUILD), "-t", "commands", way.target],
                            check=True, capture_output=True, text=True).stdout.splitlines()
-    compiling = next(line for line in lines if f" -o {OBJECT} " in line)
-    linking = next(line for line in lines if f" -o {PROGRAM} " in line)
-    linking = linking.removeprefix(": && ").split(" && ")[0]
-    return shlex.split(compiling), shlex.split(linking)
-
-
-def prepare_headers(compiling, folder):
-    """Compiles what the channel includes once, so that each mutant takes a third of the time."""
-    header = folder / "headers.h"
-    header.write_text("".join(f"#include {found}\n" for found in
-                              re.findall(r"#include (\S+)", SOURCE.read_text())))
-    command = replaced(compiling, {str(SOURCE): str(header), OBJECT: f"{header}.gch",
-                                   OBJECT + ".d": str(folder / "headers.d")})
-    command[command.index("-c")] = "-xc++-header"
-    subprocess.run(command + QUICKLY, cwd=BUILD, check=True)
-    return compiling + QUICKLY + ["-include", str(header)]
+    def making(output):
+        return next(line for line in lines if f" -o {output} " in line)
+    linking = making(way.program).removeprefix(": && ").split(" && ")[0]
+    linking = [word for word in shlex.split(linking) if not re.fullmatch(way.left_out, word)]
+    return linking, {made: shlex.split(making(made)) for made in way.compiled}
 
 
 def replaced(command, changes):
     return [changes.get(word, word) for word in command]
+
+
+def system_headers(*files):
+    """What the files, and those of the project that they include, include of others."""
+    found = []
+    for file in files:
+        for include in re.findall(r'^#include (\S+)', file.read_text(), re.MULTILINE):
+            in_project = [ROOT / folder / include.strip('"') for folder in ("", "src")]
+            if include.startswith("<"):
+                found.append(include)
+            else:
+                found += system_headers(*(file for file in in_project if file.is_file()))
+    return sorted(set(found))
+
+
+def with_prepared_headers(compiling, folder, made):
+    """Compiles once what an object includes of others, so that a mutant takes a third of the time."""
+    source = pathlib.Path(compiling[compiling.index("-c") + 1])
+    header = folder / f"{made.replace('/', '-')}.h"
+    header.write_text("".join(f"#include {name}\n" for name in system_headers(source)))
+    while "-include" in compiling:  # what the build has prepared is of no use with other options
+        at = compiling.index("-include")
+        compiling = compiling[:at] + compiling[at + 2:]
+    preparing = replaced(compiling, {str(source): str(header), made: f"{header}.gch",
+                                     made + ".d": f"{header}.d"})
+    preparing[preparing.index("-c")] = "-xc++-header"
+    subprocess.run(preparing + QUICKLY, cwd=BUILD, check=True)
+    return compiling + QUICKLY + ["-include", str(header)]
+
+
+def prepared_commands(folder, pool):
+    """For each way the same, prepared. Ways that compile the same object share its preparation."""
+    commands = {name: build_commands(way) for name, way in WAYS.items()}
+    compiling = {made: command for _, of_way in commands.values() for made, command in of_way.items()}
+    prepared = dict(zip(compiling, pool.map(
+        lambda made: with_prepared_headers(compiling[made], folder, made), compiling)))
+    return {name: (linking, {made: prepared[made] for made in of_way})
+            for name, (linking, of_way) in commands.items()}
 
 
 def first_failure(output):
@@ -111,42 +188,51 @@ def first_failure(output):
     return f"{running[-1]} (crash)" if running else "(crash)"
 
 
-def noticed_by(mutant, source, commands):
-    """The test that notices the mutant, or None."""
-    compiling, linking = commands
-    with tempfile.TemporaryDirectory() as name:
-        folder = pathlib.Path(name)
-        mutated, object_file, program = (folder / SOURCE.name, folder / "mutant.o",
-                                         folder / "mutant")
-        mutated.write_text(mutant.apply(source))
-        compiled = subprocess.run(
-            replaced(compiling, {str(SOURCE): str(mutated), OBJECT: str(object_file),
-                                 OBJECT + ".d": str(folder / "mutant.d")}),
-            cwd=BUILD, capture_output=True, text=True)
+def compile_with(mutant, commands, folder):
+    """The objects that the mutant is compiled in, by those that they replace."""
+    mutated = folder / pathlib.Path(mutant.file).relative_to("src")
+    mutated.parent.mkdir()
+    mutated.write_text(mutant.apply((ROOT / mutant.file).read_text()))
+    objects = {}
+    for made, command in commands.items():
+        objects[made] = str(folder / f"{len(objects)}.o")
+        changed = replaced(command, {str(ROOT / mutant.file): str(mutated), made: objects[made],
+                                     made + ".d": objects[made] + ".d"})
+        # In front, so that the mutant is what others include.
+        compiled = subprocess.run(changed[:1] + [f"-I{folder}"] + changed[1:], cwd=BUILD,
+                                  capture_output=True, text=True)
         if compiled.returncode != 0:
             raise RuntimeError(f"mutant \"{mutant.name}\" does not compile:\n{compiled.stderr}")
-        subprocess.run(replaced(linking, {OBJECT: str(object_file), PROGRAM: str(program)}),
-                       cwd=BUILD, check=True)
+    return objects
+
+
+def noticed_by(mutant, linking, commands):
+    """The test that notices the mutant, or None."""
+    way = WAYS[mutant.way]
+    with tempfile.TemporaryDirectory() as name:
+        folder = pathlib.Path(name)
+        program = str(folder / "mutant")
+        objects = compile_with(mutant, commands, folder)
+        subprocess.run(replaced(linking, {**objects, way.program: program}), cwd=BUILD, check=True)
         try:
-            run = subprocess.run([str(program), "--gtest_fail_fast"], cwd=folder, errors="replace",
-                                 capture_output=True, text=True, timeout=SECONDS_PER_RUN)
+            run = subprocess.run([program, "--gtest_fail_fast", f"--gtest_filter={way.tests}"],
+                                 cwd=folder, errors="replace", capture_output=True, text=True,
+                                 timeout=SECONDS_PER_RUN)
         except subprocess.TimeoutExpired:
             return "(hang)"
         return None if run.returncode == 0 else first_failure(run.stdout)
 
 
 def main():
-    source = SOURCE.read_text()
-    mutants = listed_mutants() + log_line_mutants(source)
+    mutants = listed_mutants() + log_line_mutants((ROOT / CHANNEL).read_text())
     for mutant in mutants:
-        mutant.apply(source)  # all can be made
-    compiling, linking = build_commands()
+        mutant.apply((ROOT / mutant.file).read_text())  # all can be made
     wrong = 0
     harmless = 0
     with tempfile.TemporaryDirectory() as folder, \
             concurrent.futures.ThreadPoolExecutor(AT_ONCE) as pool:
-        commands = (prepare_headers(compiling, pathlib.Path(folder)), linking)
-        outcomes = pool.map(lambda mutant: noticed_by(mutant, source, commands), mutants)
+        commands = prepared_commands(pathlib.Path(folder), pool)
+        outcomes = pool.map(lambda mutant: noticed_by(mutant, *commands[mutant.way]), mutants)
         for mutant, test in zip(mutants, outcomes):
             note = test or "-"
             if mutant.harmless:

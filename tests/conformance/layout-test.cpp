@@ -2,6 +2,7 @@
 // class relies on, beyond the calls. (The constants: tests/channel-object-test.cpp; every use of
 // them shows in the recordings.)
 #include <cstring>
+#include <type_traits>
 
 #include "tests/conformance/conformance-test.h"
 
@@ -67,18 +68,40 @@ TEST_F(Layout, MembersHaveTheirTypes) {
 }
 
 // The object's virtual table: two entries of the destructor, then the handlers. A pointer to a
-// virtual member holds its offset in the table, plus one.
+// virtual member holds its offset in the table, marked on some processors by its lowest bit.
 template <typename Member>
 std::size_t Slot(Member member) {
-    std::size_t offset_plus_one = 0;
-    std::memcpy(&offset_plus_one, &member, sizeof offset_plus_one);
-    return (offset_plus_one - 1) / sizeof(void*);
+    std::size_t offset = 0;
+    std::memcpy(&offset, &member, sizeof offset);
+    return offset / sizeof(void*);
 }
 
 TEST_F(Layout, HandlersAreInTheirSlotsBehindTheDestructor) {
     EXPECT_EQ(Slot(&Channel::HandleMessage), 2U);
     EXPECT_EQ(Slot(&Channel::HandleNotification), 3U);
     EXPECT_EQ(Slot(&Channel::HandleConnectionReady), 4U);
+}
+
+// A pointer to a member that is not virtual holds its address.
+TEST_F(Layout, NoOtherOperationIsVirtual) {
+    constexpr std::size_t kSlots = 100;
+    EXPECT_GT(Slot(&Channel::SendMessage), kSlots);
+    using Notify = void (Channel::*)(std::vector<char>&);
+    EXPECT_GT(Slot<Notify>(&Channel::SendNotification), kSlots);
+    using NotifyPartner = void (Channel::*)(std::vector<char>&, const std::string&);
+    EXPECT_GT(Slot<NotifyPartner>(&Channel::SendNotification), kSlots);
+    EXPECT_GT(Slot(&Channel::IsConnectionReady), kSlots);
+}
+
+TEST_F(Layout, NothingIsCopiedOrMadeInPassing) {
+    EXPECT_FALSE((std::is_convertible_v<std::string, Channel>));
+    EXPECT_FALSE((std::is_convertible_v<PTMutex&, PTAutoLock>));
+    EXPECT_FALSE(std::is_copy_constructible_v<Channel>);
+    EXPECT_FALSE(std::is_copy_assignable_v<Channel>);
+    EXPECT_FALSE(std::is_copy_constructible_v<PTMutex>);
+    EXPECT_FALSE(std::is_copy_assignable_v<PTMutex>);
+    EXPECT_FALSE(std::is_copy_constructible_v<PTAutoLock>);
+    EXPECT_FALSE(std::is_copy_assignable_v<PTAutoLock>);
 }
 
 // Calls what stands in the slots, so that the table itself is what is tested.

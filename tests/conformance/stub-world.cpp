@@ -1,9 +1,9 @@
 #include "tests/conformance/stub-world.h"
 
-#include <regex>
 #include <utility>
 
 #include "platform/dlog.h"
+#include "tests/conformance/log-line.h"
 
 // NOLINTNEXTLINE(bugprone-reserved-identifier): the linker's name of g_variant_unref()
 extern "C" void __real_g_variant_unref(GVariant*);
@@ -91,13 +91,13 @@ StubWorld* StubWorld::Current() {
 }
 
 void StubWorld::FailNext(const std::string& function, Failure failure) {
-    plan = [this, function, failure](const FailableCall& call) -> std::optional<Failure> {
-        if (call.function != function && call.method != function) {
+    plan = [function, failure,
+            done = false](const FailableCall& call) mutable -> std::optional<Failure> {
+        if (done || (call.function != function && call.method != function)) {
             return std::nullopt;
         }
-        const Failure chosen = failure;  // the plan, and this with it, ends here
-        plan = nullptr;
-        return chosen;
+        done = true;
+        return failure;
     };
 }
 
@@ -160,11 +160,7 @@ bool StubWorld::Watches(const std::string& name) const {
 std::optional<Failure> StubWorld::Decide(const std::string& function, const std::string& method,
                                          bool takes_error) {
     m_failable.push_back({static_cast<int>(m_failable.size()) + 1, function, method, takes_error});
-    if (!plan) {
-        return std::nullopt;
-    }
-    const auto decide = plan;  // which may replace itself
-    return decide(m_failable.back());
+    return plan ? plan(m_failable.back()) : std::nullopt;
 }
 
 StubWorld::Outcome StubWorld::Begin(const std::string& function,
@@ -201,17 +197,13 @@ bool StubWorld::Log(int log_id, int priority, const char* tag, const std::string
         text.find("] Constructor\n\n") != std::string::npos) {
         m_channel_readable = true;  // all members are initialised by now
     }
-    // The line number shows as N where the prefix has the common form: the same function and the
-    // same line twice.
-    static const std::regex prefix(R"(^([\w.-]+): (\w+)\(([1-9]\d*)\) > \[(\w+):(\d+)\] )");
-    std::smatch found;
     std::string shown = text;
     Event event{Event::Kind::Log, "", ""};
-    if (std::regex_search(text, found, prefix) && found[2] == found[4] && found[3] == found[5]) {
-        event.function = found[2];
-        event.message = found.suffix();
-        shown = found[1].str() + ": " + found[2].str() + "(N) > [" + found[4].str() + ":N] " +
-                event.message;
+    if (const auto line = ParseLogLine(text)) {
+        event.function = line->function;
+        event.message = line->message;
+        shown = line->file + ": " + line->function + "(N) > [" + line->function + ":N] " +
+                line->message;
     }
     event.priority = priority;
     event.failed = Decide("__dlog_print", "", false).has_value();

@@ -54,6 +54,10 @@ struct FailableCall {
     std::string function;  // "g_bus_get_sync"
     std::string method;    // of a bus driver call: "RequestName"
     bool takes_error;
+
+    bool IsLike(const FailableCall& other) const {
+        return function == other.function && method == other.method;
+    }
 };
 
 class StubWorld {
