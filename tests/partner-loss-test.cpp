@@ -7,6 +7,7 @@
 namespace {
 
 using testing::ElementsAre;
+using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Pair;
 
@@ -123,6 +124,31 @@ TEST_F(PartnerLoss, OfTheBoundPartnerIsToldOnceAndReleasesWatchProxyAndSubscript
     ExpectUnbound(channel);
     EXPECT_FALSE(channel.IsConnectionReady());
     EXPECT_THAT(TakeGlibReports(), IsEmpty());
+}
+
+// The name is forgotten before the handler is called, the rest of the binding after it.
+TEST_F(PartnerLoss, SendingFromItsHandlerSendsNothing) {
+    Bytes data = ToBytes("too late");
+    channel.on_ready = [&](bool, const std::string& lost) {
+        channel.SendNotification(data, lost);
+        EXPECT_THAT(TakeGlibReports(), IsEmpty());
+        channel.SendNotification(data);
+        EXPECT_THAT(TakeGlibReports(), ElementsAre(HasSubstr("destination_bus_name")));
+        EXPECT_THAT(channel.SendMessage(data), IsEmpty());
+    };
+    LeaveUntilLost();
+    EXPECT_THAT(Log(),
+                ElementsAre(Vanished(bound), Lost(bound),
+                            Error("SendNotification",
+                                  "Attempt to send notification to not connected partner!\n"),
+                            Debug("SendNotification", "Sending signal with 8 bytes\n\n"),
+                            Debug("SendMessage", "Sending sync message with 8 bytes\n\n"),
+                            Error("SendMessage",
+                                  "Error while sending message [2] "
+                                  "GDBus.Error:org.freedesktop.DBus.Error.ServiceUnknown: The "
+                                  "name " +
+                                      bound + " was not provided by any .service files\n\n"),
+                            kStopWatching));
 }
 
 TEST_F(PartnerLoss, WithoutAWatchHasNoStopWatchingLineAndReleasesTheRest) {

@@ -8,12 +8,22 @@ namespace {
 
 using testing::Eq;
 using testing::Optional;
+using tevrol::AllByteValues;
 using tevrol::Bytes;
 using tevrol::Describe;
+using tevrol::DescribeInHex;
 using tevrol::FromHex;
 using tevrol::ParsePayload;
 using tevrol::ToBytes;
 using tevrol::ToHex;
+
+TEST(Payload, OfAllByteValuesHasEachOfThemInOrder) {
+    const Bytes all = AllByteValues();
+    ASSERT_EQ(all.size(), 256U);
+    for (std::size_t i = 0; i < all.size(); ++i) {
+        EXPECT_EQ(static_cast<unsigned char>(all[i]), i);
+    }
+}
 
 TEST(Payload, IsTwoLowerCaseDigitsForEachByteInHex) {
     EXPECT_EQ(ToHex({}), "");
@@ -21,10 +31,7 @@ TEST(Payload, IsTwoLowerCaseDigitsForEachByteInHex) {
 }
 
 TEST(Payload, OfEveryByteValueComesBackFromHex) {
-    for (int value = 0; value < 256; ++value) {
-        const Bytes byte = {static_cast<char>(value)};
-        EXPECT_THAT(FromHex(ToHex(byte)), Optional(byte));
-    }
+    EXPECT_THAT(FromHex(ToHex(AllByteValues())), Optional(AllByteValues()));
 }
 
 TEST(Payload, InHexMayBeInEitherCaseOrEmpty) {
@@ -61,6 +68,13 @@ TEST(Payload, OverTheLimitIsDescribedByItsBeginAndHowMuchIsLeftOut) {
     EXPECT_EQ(Describe(ToBytes("abcdef"), 4), "6 bytes \"abcd\" (+2 more)");
     EXPECT_EQ(Describe({'a', 'b', '\0'}, 2), "3 bytes hex:6162 (+1 more)");
     EXPECT_EQ(Describe(Bytes(65, 'x')), "65 bytes \"" + std::string(64, 'x') + "\" (+1 more)");
+}
+
+TEST(Payload, IsDescribedInHexAsAWholeWhateverItIs) {
+    EXPECT_EQ(DescribeInHex(ToBytes("a~")), "2 bytes hex:617e");
+    EXPECT_EQ(DescribeInHex({'\xff'}), "1 byte hex:ff");
+    EXPECT_EQ(DescribeInHex({}), "0 bytes");
+    EXPECT_EQ(DescribeInHex(AllByteValues()), "256 bytes hex:" + ToHex(AllByteValues()));
 }
 
 TEST(Payload, TypedAsTextIsThatText) {

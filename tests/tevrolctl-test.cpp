@@ -5,11 +5,14 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <future>
 #include <memory>
+#include <regex>
+#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -26,6 +29,9 @@ using testing::HasSubstr;
 using testing::Not;
 using tevrol::IterateUntil;
 using tevrol::PartnerProcess;
+
+constexpr std::array<const char*, 7> kCommands = {"open",    "send",  "notify", "partner",
+                                                  "monitor", "check", "verify"};
 
 enum Status { kOk = 0, kFailed = 1, kUsage = 2, kNoBus = 3, kNoPartner = 4, kNoReply = 5 };
 
@@ -75,6 +81,43 @@ Result Shell(const std::string& line) {
 std::string ReadFile(const std::string& path) {
     std::ifstream file(path);
     return {std::istreambuf_iterator<char>(file), {}};
+}
+
+// Every "--option" that follows `before`, a regular expression, in a line of `text`.
+std::set<std::string> OptionsBehind(const std::string& before, const std::string& text) {
+    const std::regex option("^" + before + "(--[a-z-]+)", std::regex::multiline);
+    std::set<std::string> options;
+    for (auto found = std::sregex_iterator(text.begin(), text.end(), option);
+         found != std::sregex_iterator(); ++found) {
+        options.insert((*found)[1]);
+    }
+    return options;
+}
+
+// What stands in the manual page under the headings that `heading` matches, without markup.
+std::string ManualUnder(const std::string& heading) {
+    std::istringstream page(std::regex_replace(ReadFile(TEVROLCTL_PACKAGING "/man/tevrolctl.1"),
+                                               std::regex("\\\\-"), "-"));
+    std::string found;
+    bool inside = false;
+    for (std::string line; std::getline(page, line);) {
+        if (line.rfind(".S", 0) == 0) {
+            inside = std::regex_search(line, std::regex(heading));
+        } else if (inside) {
+            found += line + "\n";
+        }
+    }
+    return found;
+}
+
+// What bash offers behind the command and a "-", a word on each line.
+std::string CompletionOf(const std::string& command) {
+    return Run({"bash", "-c",
+                "source " TEVROLCTL_PACKAGING
+                "/completion/tevrolctl; COMP_WORDS=(tevrolctl \"$0\" -); COMP_CWORD=2; _tevrolctl; "
+                "printf '%s\\n' \"${COMPREPLY[@]}\"",
+                command})
+        .output;
 }
 
 class TevrolctlTest : public testing::Test {
@@ -127,7 +170,7 @@ protected:
                       "monitoring");
         const auto partner = StartPartner();
         EXPECT_EQ(Tool({"open", "demo"}, "request <&>\"\nnotify hex:00ff\n").status, kOk);
-        AwaitText(*monitor, "lost");
+        AwaitText(*monitor, "leaves");
         monitor->Signal(SIGTERM);
         EXPECT_TRUE(IterateUntil(
             [&] { return ReadFile(File("diagram.svg")).find("</svg>") != std::string::npos; }));
@@ -157,14 +200,42 @@ private:
 // ---- Command line ----
 
 TEST_F(TevrolctlTest, HelpOfEachSubcommandShowsExamplesAndExitStatuses) {
-    for (const char* command : {"open", "send", "notify", "monitor", "check", "verify"}) {
+    for (const char* command : kCommands) {
         const Result result = Tool({command, "--help"});
         EXPECT_EQ(result.status, kOk) << command;
         EXPECT_THAT(result.output, HasSubstr("Examples:")) << command;
         EXPECT_THAT(result.output, HasSubstr("Exit status:")) << command;
     }
-    EXPECT_THAT(Tool({"partner", "--help"}).output, HasSubstr("Examples:"));
     EXPECT_THAT(Tool({"--help"}).output, HasSubstr("verify NAME"));
+}
+
+TEST_F(TevrolctlTest, EveryOptionInTheHelpIsInTheManualPageAndTheCompletionAndNoOther) {
+    for (const std::string command : kCommands) {
+        const auto options = OptionsBehind(" +(?:-., )?", Tool({command, "--help"}).output);
+        EXPECT_THAT(options, testing::Contains("--help")) << command;
+        const std::string manual = ManualUnder("OPTIONS OF ALL|^\\.SS .*\\b" + command + "\\b");
+        EXPECT_EQ(OptionsBehind("\\.[BIR]+ (?:-. \", \" )?", manual), options) << command;
+        EXPECT_EQ(OptionsBehind("", CompletionOf(command)), options) << command;
+    }
+}
+
+TEST_F(TevrolctlTest, ASignalEndsACommandWithItsNumberAndTheMonitorInOrder) {
+    for (const int signal : {SIGINT, SIGTERM}) {
+        for (const auto& [command, sign] :
+             {std::pair<Arguments, std::string>{{"open", "demo"}, "waiting as"},
+              {{"send", "--verbose", "--wait=60", "demo", "x"}, "Releasing it"},
+              {{"notify", "--verbose", "--wait=60", "demo", "x"}, "Releasing it"},
+              {{"partner", "demo"}, "announced SYN"},
+              {{"check", "--wait=60", "demo"}, "demo_CLIENT_SYN: granted"},
+              {{"verify", "--wait=60", "demo"}, "TAP version"}}) {
+            const auto process = StartTool(command, sign);
+            process->Signal(signal);
+            EXPECT_EQ(process->Wait(), 128 + signal) << command.front();
+        }
+        const auto monitor = StartTool({"monitor"}, "monitoring");
+        monitor->Signal(signal);
+        EXPECT_EQ(monitor->Wait(), kOk);
+    }
 }
 
 TEST_F(TevrolctlTest, WrongCommandLinesAreUsageErrors) {
@@ -178,6 +249,12 @@ TEST_F(TevrolctlTest, WrongCommandLinesAreUsageErrors) {
         EXPECT_EQ(result.status, kUsage) << testing::PrintToString(wrong);
         EXPECT_NE(result.errors, "") << testing::PrintToString(wrong);
     }
+}
+
+TEST_F(TevrolctlTest, InputThatCannotBeReadIsAUsageError) {
+    const Result result = Shell("$T send demo - < /");
+    EXPECT_EQ(result.status, kUsage);
+    EXPECT_THAT(result.errors, HasSubstr("cannot read standard input: Is a directory"));
 }
 
 TEST_F(TevrolctlTest, UnusableChannelNamesAreRefusedByEveryCommand) {
@@ -230,10 +307,8 @@ TEST_F(TevrolctlTest, OutputThatCannotBeWrittenIsAnError) {
 
 TEST_F(TevrolctlTest, SendWritesTheReplyAsItIs) {
     const auto partner = StartPartner();
-    std::string all;
-    for (int value = 0; value < 256; ++value) {
-        all += static_cast<char>(value);
-    }
+    const tevrol::Bytes values = tevrol::AllByteValues();
+    const std::string all(values.begin(), values.end());
     const Result result = Tool({"send", "demo", "-"}, all);
     EXPECT_EQ(result.status, kOk) << result.errors;
     EXPECT_EQ(result.output, all);
@@ -306,6 +381,29 @@ TEST_F(TevrolctlTest, OpenShowsWhatComesWhileARequestIsUnanswered) {
     AwaitText(*open, "lost :1.0");
 }
 
+// Another process's ACK makes the end ready while its own SYN_ACK is refused; made up for later,
+// that one takes the readiness back. The partner is stopped before it would bring it again.
+TEST_F(TevrolctlTest, OpenTellsWhatWasNotSentWhenReadinessWasTakenBack) {
+    const auto open = StartTool({"open", "--verbose", "demo"}, "waiting as");
+    const auto partner = StartPartner({"--hold=syn-ack", "--stop=before-ack"});
+    AwaitText(*open, "Cannot own name due to return code = 3");
+    const auto stranger = StartPartner({"--wait"}, "joined");
+    stranger->Command("announce ack");
+    AwaitText(*open, "-- ready ");
+    stranger->Kill();
+    partner->Command("release syn-ack");
+    AwaitText(*open, "Nothing left to resend");
+    open->Command("notify early");
+    AwaitText(*open, "tevrolctl: not sent: Connection not set.");
+    open->Command("request early");
+    AwaitText(*open, "<- no reply #1");
+    AwaitText(*open, "no connection to the partner");
+    for (const std::string& line : open->Lines()) {
+        EXPECT_THAT(line, Not(HasSubstr("-> notification"))) << "nothing was sent";
+    }
+    partner->Signal(SIGCONT);
+}
+
 TEST_F(TevrolctlTest, OpenAnswersWithEchoTextOrACommand) {
     for (const auto& [options, expected] :
          {std::pair<Arguments, std::string>{{}, "5 bytes \"hello\""},
@@ -350,12 +448,19 @@ TEST_F(TevrolctlTest, MonitorTellsAConversationInTheChannelsTerms) {
          {":1\\.1 announces SERVICE_SYN \\(held", R"(:1\.2 announces CLIENT_SYN -> :1\.1 \(held)",
           ":1\\.1 bound -> :1\\.2", ":1\\.2 ready -> :1\\.1", ":1\\.2 request -> :1\\.1: 4 bytes",
           R"(:1\.1 reply -> :1\.2: 4 bytes "<&>"" \()",
-          ":1\\.2 notification -> :1\\.1: 2 bytes hex:00ff", ":1\\.2 lost leaves :1\\.1"}) {
+          ":1\\.2 notification -> :1\\.1: 2 bytes hex:00ff", ":1\\.2 leaves :1\\.1"}) {
         EXPECT_THAT(text.output, ContainsRegex(line));
     }
     EXPECT_THAT(Tool({"monitor", "--hex", "--read", File("recording")}).output,
                 HasSubstr("hex:3c263e22"));
     EXPECT_EQ(Tool({"monitor", "--read", File("recording"), "another"}).output, "");
+}
+
+TEST_F(TevrolctlTest, MonitorTellsThatAProcessLeavesTheBusWhereItHadNoPartner) {
+    std::ofstream(File("recording"))
+        << R"({"kind":"lost","time":1,"channel":"demo","from":":1.0"})" << '\n';
+    EXPECT_THAT(Tool({"monitor", "--read", File("recording")}).output,
+                HasSubstr("demo  :1.0 leaves the bus\n"));
 }
 
 TEST_F(TevrolctlTest, MonitorPrintsJsonThatReadsBackTheSame) {
@@ -405,6 +510,14 @@ TEST_F(TevrolctlTest, MonitorShowsRefusedAnnouncementsAndErrors) {
     AwaitText(*monitor, "notification of type \"s\"");
 }
 
+TEST_F(TevrolctlTest, MonitorTellsThatTheBusRefusesIt) {
+    const auto strict_bus =
+        StartBus("<deny send_interface='org.freedesktop.DBus.Monitoring'/>", "");
+    const Result result = Tool({"monitor", "--address=unix:path=" + File("socket")});
+    EXPECT_EQ(result.status, kNoBus);
+    EXPECT_THAT(result.errors, HasSubstr("the bus does not let this user monitor it"));
+}
+
 TEST_F(TevrolctlTest, MonitorRefusesMalformedRecordings) {
     for (const char* line : {"garbage", "{}", "[]", "{\"kind\":1}", R"({"kind":"bogus"})",
                              R"({"kind":"lost","channel":"a","from":"b","hex":"0"})"}) {
@@ -422,6 +535,7 @@ TEST_F(TevrolctlTest, ColourAppearsOnATerminalOnlyAndNotAgainstNoColor) {
     const std::string command =
         "script -qec '" TEVROLCTL_PROGRAM " monitor --read " + File("recording") + "' /dev/null";
     EXPECT_THAT(Shell("unset NO_COLOR; " + command).output, HasSubstr("\033["));
+    EXPECT_THAT(Shell("export NO_COLOR=; " + command).output, HasSubstr("\033["));
     EXPECT_THAT(Shell("export NO_COLOR=1; " + command).output, Not(HasSubstr("\033[")));
     EXPECT_THAT(Tool({"monitor", "--read", File("recording")}).output, Not(HasSubstr("\033[")));
 }

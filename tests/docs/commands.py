@@ -25,6 +25,8 @@ RUN = [
     ("--prefix /usr/local", {"/usr/local": "\"$PREFIX\""}, "Installing"),
     ("DTEVROL_BULK_PAYLOADS=ON", {"-B build/install": "-B build/bulk"}, "converted in one copy"),
     ("g++ -std=c++17 application.cpp", {}, ""),
+    # Beside the application above, which others below run.
+    ("src/*/*.cpp", {"-o application": "-o from-source && test -x from-source"}, ""),
     ("g++ -std=c++17 threaded.cpp", {}, ""),
     ("./threaded & application", {}, "reply: report 2"),
     ("build/dev/examples/minimal",

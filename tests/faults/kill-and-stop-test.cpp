@@ -14,6 +14,7 @@
 
 #include "tests/support/channel-test.h"
 #include "tests/support/gio-calls.h"
+#include "tests/support/handshake.h"
 #include "tools/partner-process.h"
 
 namespace {
@@ -21,6 +22,8 @@ namespace {
 using testing::AnyOf;
 using testing::ElementsAre;
 using testing::IsEmpty;
+using testing::MatchesRegex;
+using testing::Pair;
 using tevrol::PartnerProcess;
 
 struct Sequence {
@@ -58,6 +61,14 @@ struct Step {
     std::string moment{};  // AtMoment, RequestToPartner: of the partner's, as its option has it
 
     std::string Name() const;
+    // The partner has announced what this end has yet to hear and answer.
+    bool IsUnheard() const {
+        return moment == "after-syn" || moment == "after-syn-ack";
+    }
+    // This end is about to announce, which takes it calls that wait for the bus.
+    bool IsBeforeAnnouncement() const {
+        return where == Where::BeforeCall || IsUnheard();
+    }
 };
 
 std::string Step::Name() const {
@@ -109,43 +120,68 @@ std::vector<Step> AllSteps() {
     return steps;
 }
 
-// Lets a stopped bus go on once this process has sent it a call that waits for its answer.
-class ContinueOnCall {
+// Lets a stopped bus go on once this process has sent it a call that waits for its answer, and
+// notes who is held up then. What is sent before lies with the bus by that time, unread.
+class Resumption {
 public:
-    ContinueOnCall(GDBusConnection* connection, tevrol::PrivateBus& bus)
+    // `before` is called once, with the bus still stopped.
+    Resumption(GDBusConnection* connection, tevrol::PrivateBus& bus, std::function<void()> before)
         : m_bus(bus),
           m_connection(connection),
-          m_filter(g_dbus_connection_add_filter(connection, OnMessage, this, nullptr)) {}
-    ~ContinueOnCall() {
+          m_before(std::move(before)),
+          m_filter(g_dbus_connection_add_filter(connection, OnMessage, this, nullptr)),
+          m_thread([this] { ContinueOnCall(); }) {}
+    ~Resumption() {
         g_dbus_connection_remove_filter(m_connection, m_filter);
+        if (!m_called.exchange(true)) {
+            m_call.set_value(false);
+        }
+        m_thread.join();
     }
-    ContinueOnCall(const ContinueOnCall&) = delete;
-    ContinueOnCall& operator=(const ContinueOnCall&) = delete;
+    Resumption(const Resumption&) = delete;
+    Resumption& operator=(const Resumption&) = delete;
 
-    bool HasContinued() const {
-        return m_continued;
+    // The calls that were waiting when it was due; none before.
+    std::vector<std::string> HeldUp() const {
+        return m_is_due ? m_held_up : std::vector<std::string>();
     }
 
 private:
     // On GIO's own thread, when a message arrives or leaves.
     static GDBusMessage* OnMessage(GDBusConnection*, GDBusMessage* message, gboolean incoming,
                                    gpointer data) {
-        static const std::vector<std::string> kWaitedFor = {"RequestName", "ReleaseName", "GetId",
-                                                            "Send"};
-        auto* self = static_cast<ContinueOnCall*>(data);
+        static const std::vector<std::string> kWaitedFor = {"RequestName", "ReleaseName", "GetId"};
+        auto* self = static_cast<Resumption*>(data);
         const gchar* member = g_dbus_message_get_member(message);
         if (incoming == FALSE && member != nullptr && self->m_bus.IsStopped() &&
-            std::count(kWaitedFor.begin(), kWaitedFor.end(), member) > 0) {
-            self->m_continued = true;
-            self->m_bus.Signal(SIGCONT);
+            std::count(kWaitedFor.begin(), kWaitedFor.end(), member) > 0 &&
+            !self->m_called.exchange(true)) {
+            self->m_call.set_value(true);
         }
         return message;
     }
 
+    void ContinueOnCall() {
+        if (!m_call.get_future().get()) {
+            return;
+        }
+        EXPECT_TRUE(g_dbus_connection_flush_sync(m_connection, nullptr, nullptr));
+        EXPECT_TRUE(m_bus.IsStopped());
+        m_held_up = gio_calls::UnderWay();
+        m_before();
+        m_is_due = true;
+        m_bus.Signal(SIGCONT);
+    }
+
     tevrol::PrivateBus& m_bus;
     GDBusConnection* m_connection;
-    std::atomic<bool> m_continued{false};
+    const std::function<void()> m_before;
+    std::atomic<bool> m_called{false};
+    std::promise<bool> m_call;  // false: there will be none
+    std::vector<std::string> m_held_up;
+    std::atomic<bool> m_is_due{false};
     const guint m_filter;
+    std::thread m_thread;
 };
 
 class KillAndStop : public ChannelTest {
@@ -210,11 +246,18 @@ protected:
             });
         }
         if (step.where == Where::RequestFromPartner) {
+            m_partner_asks = true;
             channel->answer = [&](const Bytes& request) {
                 strike();
                 return request;
             };
             partner->Command("request hello");
+        } else if (step.IsUnheard()) {
+            while (!partner->IsStopped()) {
+                std::this_thread::yield();
+            }
+            Receive();
+            strike();
         } else if (step.where != Where::BeforeCall) {
             ASSERT_TRUE(IterateUntil([&] { return step.moment.empty() || partner->IsStopped(); }));
             strike();
@@ -223,17 +266,29 @@ protected:
         channel->answer = {};
     }
 
-    // The step's own request to the partner, if there was one: not answered yet, or by `answer`.
-    // The loop does not run meanwhile: the partner's loss must not be dispatched during the call.
+    // The step's own request, if there was one, in either direction: not answered yet, by `answer`,
+    // or never. The loop does not run meanwhile for a request of this end: the partner's loss must
+    // not be dispatched during the call.
     void ExpectUnanswered() {
         if (m_reply.valid()) {
             EXPECT_EQ(m_reply.wait_for(std::chrono::seconds(0)), std::future_status::timeout);
         }
+        EXPECT_EQ(partner->Find("reply: "), std::nullopt);
     }
     void ExpectAnswer(const std::string& answer) {
         if (m_reply.valid()) {
             EXPECT_EQ(m_reply.get(), ToBytes(answer));
         }
+        if (m_partner_asks) {
+            EXPECT_TRUE(IterateUntil([&] { return partner->Find("reply: ").has_value(); }));
+            EXPECT_EQ(partner->Find("reply: "), tevrol::Describe(ToBytes(answer)));
+        }
+    }
+    void ExpectNoAnswer() {
+        if (m_reply.valid()) {
+            EXPECT_THAT(m_reply.get(), IsEmpty());
+        }
+        EXPECT_EQ(partner->Find("reply: "), std::nullopt);
     }
 
     // Both ends are ready and talk, whatever has happened before.
@@ -263,8 +318,9 @@ protected:
         // Once the bus no longer knows the partner, all that it did has been passed on.
         ASSERT_TRUE(IterateUntil([&] { return !NameHasOwner(lost); }));
         Settle();
-        ASSERT_TRUE(IterateUntil(
-            [&] { return IsUnbound() && !channel->IsConnectionReady() && !ResendIsRunning(); }));
+        ASSERT_TRUE(IterateUntil([&] {
+            return IsUnbound() && !channel->IsConnectionReady() && ResendThread(*channel) == 0;
+        }));
         // Whoever was reported ready has been reported lost.
         const auto calls = channel->ReadyCalls();
         if (!calls.empty()) {
@@ -273,11 +329,6 @@ protected:
         const auto next = StartPartner();
         Open(*next);
         ExpectConnected(*next);
-    }
-
-    bool ResendIsRunning() const {
-        const PTAutoLock lock(channel->m_mutex);
-        return channel->m_timerThread != 0;
     }
 
     // What the limits page says about an application that lives on without its bus.
@@ -312,9 +363,8 @@ protected:
             EXPECT_THAT(errors, ElementsAre(Error("SendNotification", "Connection not set.\n\n")));
             EXPECT_EQ(output.Text(), "Connection not set.\n");
         }
-        // Destroyed in this state, too; but not during a resend pass, see docs/limits.md.
-        { const PTAutoLock between_passes(channel->m_mutex); }
-        channel.reset();
+        EndResends(*channel);
+        channel.reset();  // in this state, too
     }
 
     // A resend that goes on without a bus logs errors of its own.
@@ -332,13 +382,14 @@ protected:
 
 private:
     std::future<Bytes> m_reply;
+    bool m_partner_asks = false;
 };
 
 class KillAndStopAt : public KillAndStop, public testing::WithParamInterface<Step> {};
 
 TEST_P(KillAndStopAt, APartnerThatIsKilledIsLostAndTheNextOneIsFound) {
     StrikeAt(GetParam(), [this] { partner->Kill(); });
-    ExpectAnswer("");
+    ExpectNoAnswer();
     ExpectLossAndANewPartner();
 }
 
@@ -354,15 +405,27 @@ TEST_P(KillAndStopAt, APartnerThatIsStoppedHoldsUpOnlyItsRequestsAndConnectsWhen
 }
 
 TEST_P(KillAndStopAt, ABusThatIsStoppedHoldsUpItsCallersAndAllConnectsWhenItGoesOn) {
-    const ContinueOnCall resumption(connection, bus);
+    const auto& announcement = MatchesRegex(
+        "g_dbus_connection_call_sync (Request|Release)Name "
+        "org.ulmar.Tevrol.demo_CLIENT_.*");
+    const std::string settling = "g_dbus_connection_call_sync GetId";
+    Resumption resumption(connection, bus, [this] { ExpectUnanswered(); });
     StrikeAt(GetParam(), [this] {
         bus.Stop();
         partner->Signal(SIGCONT);
-        ExpectUnanswered();
     });
-    // A call that has returned was let go by the resumption: nobody else does.
-    Settle();
-    EXPECT_TRUE(resumption.HasContinued());
+    if (GetParam().IsBeforeAnnouncement()) {
+        ASSERT_TRUE(IterateUntil([&] { return !resumption.HeldUp().empty(); }));
+        EXPECT_THAT(resumption.HeldUp(), ElementsAre(announcement));
+    } else if (GetParam().where == Step::Where::RequestToPartner) {
+        partner->Command("notify behind the reply");
+        ASSERT_TRUE(IterateUntil([&] { return partner->Find("notified").has_value(); }));
+        Settle();
+        EXPECT_THAT(resumption.HeldUp(), ElementsAre("g_dbus_proxy_call_sync Send", settling));
+    } else {
+        Settle();
+        EXPECT_THAT(resumption.HeldUp(), ElementsAre(settling));
+    }
     ExpectAnswer("hello");
     ExpectConnected(*partner);
     ExpectLossAndANewPartner();
@@ -373,7 +436,10 @@ TEST_P(KillAndStopAt, ABusThatIsKilledLeavesAnApplicationThatLivesOnWithFailingS
         bus.Kill();
         partner->Signal(SIGCONT);
     });
-    ExpectAnswer("");
+    if (GetParam().where == Step::Where::RequestFromPartner) {
+        EXPECT_TRUE(IterateUntil([&] { return partner->Find("no reply: ").has_value(); }));
+    }
+    ExpectNoAnswer();
     ExpectLifeWithoutABus();
 }
 
@@ -398,7 +464,7 @@ class CallsOf : public KillAndStop, public testing::WithParamInterface<Sequence>
 // So that a call that the channel makes in addition becomes a step, too.
 TEST_P(CallsOf, AHandshakeAreAllItsSteps) {
     Begin(GetParam());
-    ASSERT_TRUE(IterateUntil([&] { return BothAreReady() && !ResendIsRunning(); }));
+    ASSERT_TRUE(IterateUntil([&] { return BothAreReady() && ResendThread(*channel) == 0; }));
     EXPECT_EQ(gio_calls::All().size() - 1, GetParam().calls);  // but for the fixture's connection
 }
 
@@ -407,13 +473,15 @@ INSTANTIATE_TEST_SUITE_P(Sequence, CallsOf, testing::Values(kA, kB, kResendA, kR
 
 TEST_F(KillAndStop, PrintsHowManyCellsThereAre) {
     const auto& tests = *testing::UnitTest::GetInstance();
+    int cells = 0;
     for (int i = 0; i < tests.total_test_suite_count(); ++i) {
         const auto& suite = *tests.GetTestSuite(i);
         if (suite.name() == std::string("Step/KillAndStopAt")) {
-            std::cout << AllSteps().size() << " steps, " << suite.total_test_count() << " cells\n";
-            EXPECT_EQ(suite.total_test_count(), static_cast<int>(5 * AllSteps().size()));
+            cells = suite.total_test_count();
         }
     }
+    std::cout << AllSteps().size() << " steps, " << cells << " cells\n";
+    EXPECT_EQ(cells, static_cast<int>(5 * AllSteps().size()));
 }
 
 TEST_F(KillAndStop, TheEndOfTheBusEndsTheProcessOnlyWhenItsLoopRuns) {
@@ -432,6 +500,29 @@ TEST_F(KillAndStop, TheEndOfTheBusEndsTheProcessOnlyWhenItsLoopRuns) {
         IterateUntil([] { return false; });
     };
     EXPECT_EXIT(lose_the_bus(), testing::KilledBySignal(SIGTERM), "alive without a bus");
+}
+
+// Without a bus a pass leaves everything as it was, so one is like the next.
+TEST_F(KillAndStop, WithoutABusAnAnnouncementThatFailedIsRepeatedOverAndOver) {
+    HeldThread resend("Executed OnResendHandshake function\n");
+    Begin(kResendB);
+    ASSERT_TRUE(IterateUntil([&] { return ResendThread(*channel) != 0; }));
+    Settle();  // the watch has asked about the partner and has its answer
+    bus.Kill();
+    ASSERT_TRUE(IterateUntil([&] { return g_dbus_connection_is_closed(connection) != FALSE; }));
+    ClearLog();
+    resend.GoOn();
+    const LogLine closed =
+        Error("BroadcastName", "Error during request name call [18] The connection is closed\n\n");
+    constexpr int kPasses = 4;
+    ASSERT_TRUE(IterateUntil([&] {
+        const auto errors = Errors();
+        return std::count(errors.begin(), errors.end(), closed) >= kPasses;
+    }));
+    EXPECT_THAT(Owed(*channel), ElementsAre(Pair(*partner->Find("joined "), "_SYN_ACK")));
+    EXPECT_NE(ResendThread(*channel), 0U);
+    EXPECT_THAT(channel->ReadyCalls(), IsEmpty());
+    EndResends(*channel);
 }
 
 TEST_F(KillAndStop, ARequestWithoutAFreeDescriptorEndsTheProcessAndANotificationDoesNot) {

@@ -1,23 +1,38 @@
 // What the model of the handshake says can happen, on a real bus: each run of events that
 // docs/ordering.md draws, made to happen, and what an application does about it.
-#include <future>
 #include <optional>
 
 #include "tests/support/channel-test.h"
 #include "tests/support/gio-calls.h"
 #include "tests/support/handshake.h"
+#include "tests/support/stranger.h"
 
 namespace {
 
+using testing::Each;
 using testing::ElementsAre;
 using testing::Pair;
 using Moment = PartnerFaults::Moment;
 
-constexpr const char* kSynAckRequest =
-    "g_dbus_connection_call_sync RequestName org.ulmar.Tevrol.demo_CLIENT_SYN_ACK";
+constexpr const char* kSynAck = "org.ulmar.Tevrol.demo_CLIENT_SYN_ACK";
+const std::string kSynAckRequest =
+    std::string("g_dbus_connection_call_sync RequestName ") + kSynAck;
+constexpr const char* kPartnersAck = "org.ulmar.Tevrol.demo_SERVICE_ACK";
+
+// Where the resend thread begins a pass, the lock not yet taken, and where it has made its last.
+constexpr const char* kPassBegins = "Executed OnResendHandshake function\n";
+constexpr const char* kThreadEnds = "Finished timer thread\n";
+
+const LogLine kRefused = Error("BroadcastName", "Cannot own name due to return code = 3\n\n");
 
 class OrderOfEvents : public ChannelTest {
 protected:
+    void TearDown() override {
+        if (channel) {
+            EndResends(*channel);
+        }
+    }
+
     void StartChannel() {
         channel.emplace();
     }
@@ -38,25 +53,9 @@ protected:
         return channel->m_signal_id == 0;
     }
 
-    // What a process that is no partner, and listens to nothing, does with a name of the channel.
-    void Acquire(const std::string& name) const {
-        g_variant_unref(CallDriver(other.get(), "RequestName",
-                                   g_variant_new("(su)", (kBase + name).c_str(), 0U)));
-    }
-    void Release(const std::string& name) const {
-        g_variant_unref(
-            CallDriver(other.get(), "ReleaseName", g_variant_new("(s)", (kBase + name).c_str())));
-    }
-    std::string AnnounceAck() const {
-        Acquire("_SERVICE_ACK");
-        Release("_SERVICE_ACK");
-        return g_dbus_connection_get_unique_name(other.get());
-    }
-
-    const std::string kBase = "org.ulmar.Tevrol.demo";
     std::optional<TestChannel> channel;
     TestPartner partner;
-    const Connection other = OpenConnection(bus.Address());
+    std::optional<Stranger> other{bus.Address()};  // a process that is no partner
 };
 
 TEST_F(OrderOfEvents, EndsThatStartAtTheSameMomentStayBoundAndUnready) {
@@ -85,10 +84,9 @@ TEST_F(OrderOfEvents, EndsThatStartAtTheSameMomentStayBoundAndUnready) {
 
 TEST_F(OrderOfEvents, EndWhoseFirstSynIsRefusedIsNotFoundByARunningPartner) {
     partner.Join();
-    Acquire("_CLIENT_SYN");
+    other->Acquire("org.ulmar.Tevrol.demo_CLIENT_SYN");
     StartChannel();
-    EXPECT_THAT(Errors(),
-                ElementsAre(Error("BroadcastName", "Cannot own name due to return code = 3\n\n")));
+    EXPECT_THAT(Errors(), ElementsAre(kRefused));
     Settle(partner);
     ExpectUnbound(*channel);
     EXPECT_EQ(partner.BoundTo(), "");
@@ -99,7 +97,7 @@ TEST_F(OrderOfEvents, EndWhoseFirstSynIsRefusedIsNotFoundByARunningPartner) {
 
 TEST_F(OrderOfEvents, PartnerWhoseSynIsRefusedIsNotFound) {
     StartChannel();
-    Acquire("_SERVICE_SYN");
+    other->Acquire("org.ulmar.Tevrol.demo_SERVICE_SYN");
     StartPartner(partner);
     Settle(partner);
     EXPECT_FALSE(partner.Saw("announced SYN"));
@@ -109,30 +107,37 @@ TEST_F(OrderOfEvents, PartnerWhoseSynIsRefusedIsNotFound) {
 
 TEST_F(OrderOfEvents, EndWhoseAnswerIsRefusedForEverStaysBoundAndUnready) {
     StartChannel();
-    constexpr int kPasses = 3;
-    gio_calls::Fail(kSynAckRequest, 1 + kPasses);
-    gio_calls::Clear();
+    other->Acquire(kSynAck);
     StartPartner(partner);
-    ASSERT_TRUE(IterateUntil([&] { return AnnouncedNames().size() == 1 + kPasses; }));
+    constexpr std::size_t kPasses = 3;
+    ASSERT_TRUE(IterateUntil([&] { return Errors().size() > kPasses; }));
+    EXPECT_THAT(Errors(), Each(kRefused));
     ExpectBound(*channel, partner.UniqueName());
     EXPECT_FALSE(channel->IsConnectionReady());
     EXPECT_FALSE(partner.IsReady());
 
+    // Given back while no partner listens: one that does would take it for this end's, see below.
+    partner.Leave();
+    ASSERT_TRUE(IterateUntil([&] { return Unbound(); }));
+    other->Release(kSynAck);
+    StartPartner(partner);
     EXPECT_TRUE(IterateUntil([&] { return BothReady(partner); }));
 }
 
 TEST_F(OrderOfEvents, ProcessThatGivesBackANameOfThisEndIsTakenForIt) {
     StartChannel();
-    Acquire("_CLIENT_SYN_ACK");
+    other->Acquire(kSynAck);
+    HeldThread resend(kPassBegins);  // or its SYN_ACK would take the readiness back again
     StartPartner(partner);
     ASSERT_TRUE(IterateUntil([&] { return Bound(); }));
-    const std::string holder = g_dbus_connection_get_unique_name(other.get());
-    Release("_CLIENT_SYN_ACK");
+    const std::string holder = other->UniqueName();
+    other->Release(kSynAck);
     ASSERT_TRUE(IterateUntil([&] { return channel->IsConnectionReady() && partner.IsReady(); }));
     EXPECT_EQ(partner.BoundTo(), holder);
+    resend.GoOn();
 
     // It must own no name of a channel that it is no end of. When it ends, so does the confusion.
-    ASSERT_NE(g_dbus_connection_close_sync(other.get(), nullptr, nullptr), FALSE);
+    other.reset();
     ASSERT_TRUE(IterateUntil([&] { return partner.Saw("lost " + holder); }));
     partner.Leave();
     ASSERT_TRUE(IterateUntil([&] { return Unbound(); }));
@@ -184,25 +189,18 @@ TEST_F(OrderOfEvents, PartnerThatRestartsBeforeItsLossIsDispatchedIsReadyAlone) 
 }
 
 TEST_F(OrderOfEvents, AnnouncementRefusedAsTheResendThreadEndsIsNotRepeated) {
-    std::promise<void> ending;
-    std::promise<void> may_end;
     StartChannel();
-    OnLogLine([&](const LogLine& line) {
-        if (line.message == "Finished timer thread\n") {
-            ending.set_value();
-            may_end.get_future().wait();
-        }
-    });
+    HeldThread resend(kPassBegins);
     gio_calls::Fail(kSynAckRequest, 2);
     StartPartner(partner);
     ASSERT_TRUE(IterateUntil([&] { return Bound(); }));
     partner.Leave();
     ASSERT_TRUE(IterateUntil([&] { return Unbound(); }));
-    ending.get_future().wait();  // the pass has dropped what was owed to the lost partner
+    resend.GoOnTo(kThreadEnds);  // the pass has dropped what was owed to the lost partner
 
     StartPartner(partner);
     ASSERT_TRUE(IterateUntil([&] { return Bound() && !Owed(*channel).empty(); }));
-    may_end.set_value();
+    resend.GoOn();
     ASSERT_TRUE(IterateUntil([&] { return ResendThread(*channel) == 0; }));
     Settle(partner);
     EXPECT_THAT(Owed(*channel), ElementsAre(Pair(partner.UniqueName(), "_SYN_ACK")));
@@ -247,26 +245,28 @@ TEST_F(OrderOfEvents, AckOfAnotherProcessMakesReadyWithItsNameOneThatIsBoundToAP
     StartChannel();
     partner.Join();
     partner.Announce(HandshakeStage::Syn);
-    const std::string name = AnnounceAck();
+    other->Pulse(kPartnersAck);
     ASSERT_TRUE(IterateUntil([&] { return channel->ReadyCalls().size() == 2; }));
     EXPECT_THAT(channel->ReadyCalls(),
-                ElementsAre(Pair(true, name), Pair(true, partner.UniqueName())));
+                ElementsAre(Pair(true, other->UniqueName()), Pair(true, partner.UniqueName())));
     ExpectBound(*channel, partner.UniqueName());
 }
 
 TEST_F(OrderOfEvents, ReadyByAnotherProcessIsTakenBackByTheRepeatedSynAckWithoutALoss) {
     StartChannel();
     gio_calls::Fail(kSynAckRequest);
+    HeldThread resend(kPassBegins);
     StartPartner(partner);
     ASSERT_TRUE(IterateUntil([&] { return Bound(); }));
     const pthread_t thread = ResendThread(*channel);
-    const std::string name = AnnounceAck();
+    other->Pulse(kPartnersAck);
     ASSERT_TRUE(IterateUntil([&] { return channel->IsConnectionReady(); }));
     EXPECT_EQ(partner.BoundTo(), "");  // ready, and the partner knows nothing of it
 
+    resend.GoOn();
     ASSERT_EQ(pthread_join(thread, nullptr), 0);  // the loop does not run meanwhile
     EXPECT_FALSE(channel->IsConnectionReady());
-    EXPECT_THAT(channel->ReadyCalls(), ElementsAre(Pair(true, name)));
+    EXPECT_THAT(channel->ReadyCalls(), ElementsAre(Pair(true, other->UniqueName())));
     EXPECT_TRUE(IterateUntil([&] { return BothReady(partner); }));
 }
 

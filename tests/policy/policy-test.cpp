@@ -6,7 +6,6 @@
 #include <sys/mount.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -153,8 +152,6 @@ std::string Include(const std::string& path) {
     return "<include>" + path + "</include>\n";
 }
 
-constexpr const char* kInterface = "org.ulmar.tevrol.DbusCommunication";
-
 // What goes through, in both directions where there are two.
 struct Permitted {
     bool handshake = false;
@@ -284,20 +281,10 @@ private:
 
     // Whether a notification of `sender` passes the bus, looked at before the channel sees it.
     static bool Arrives(TestPartner& sender) {
-        std::atomic<int> arrived = 0;
-        const auto count = [](GDBusConnection*, GDBusMessage* message, gboolean incoming,
-                              gpointer counter) {
-            if (incoming != FALSE &&
-                g_strcmp0(g_dbus_message_get_interface(message), kInterface) == 0) {
-                ++*static_cast<std::atomic<int>*>(counter);
-            }
-            return message;
-        };
-        const guint filter = g_dbus_connection_add_filter(connection, count, &arrived, nullptr);
+        const Arrivals arrivals(connection, sender.UniqueName());
         sender.NotifyTo(OwnName(), tevrol::PayloadBody(ToBytes("open")));
         Settle(sender);
-        g_dbus_connection_remove_filter(connection, filter);
-        return arrived != 0;
+        return arrivals.Count() != 0;
     }
 };
 

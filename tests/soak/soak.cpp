@@ -1,12 +1,13 @@
 // A channel under load for a while: a partner process that is killed and restarted at random and
 // now and then owns the name that this end wants to announce, requests and notifications both ways,
-// each verified. At the end, what the process holds is compared with what it held at the start and
-// what the design keeps.
+// each verified, and none lost, doubled or out of order. At the end, what the process holds is
+// compared with what it held at the start and what the design keeps.
 //
 //   tevrol-soak SECONDS [SEED]        this end, with a private bus
 //   tevrol-soak CHANNEL partner SEED  its partner
 #include <malloc.h>
 
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -17,6 +18,7 @@
 #include <fstream>
 #include <iostream>
 #include <limits>
+#include <map>
 #include <mutex>
 #include <optional>
 #include <random>
@@ -38,12 +40,14 @@ using std::chrono::steady_clock;
 using tevrol::Bytes;
 
 constexpr const char* kChannel = "soak";
-constexpr int kSenders = 4;         // threads at this end
-constexpr int kPartnerSenders = 2;  // and at the other
+constexpr std::uint32_t kSenders = 4;         // threads at this end
+constexpr std::uint32_t kPartnerSenders = 2;  // and at the other
 // Notifications are queued without an answer, so each batch ends with a request: its reply says
 // that all before it has been taken, and nothing piles up.
 constexpr int kBatch = 60;
 constexpr std::size_t kMostBytes = 96;
+constexpr std::chrono::seconds kLong{300};
+constexpr unsigned long kMessagesInLong = 1000000;
 const Bytes kHowMany = tevrol::ToBytes("how many notifications?");
 
 using Random = std::mt19937;
@@ -56,27 +60,55 @@ unsigned Below(Random& random, unsigned limit) {
     return std::uniform_int_distribution<unsigned>(0, limit - 1)(random);
 }
 
-// ---- Payloads: a number, and bytes that follow from it ----
+// ---- Payloads: who sends, a number that counts its messages, and bytes that follow from a seed
+// ----
 
-Bytes MakePayload(std::uint32_t number) {
-    Bytes payload(sizeof number);
-    std::memcpy(payload.data(), &number, sizeof number);
-    std::minstd_rand bytes(number + 1);
-    payload.resize(sizeof number + bytes() % (kMostBytes - sizeof number));
-    for (std::size_t i = sizeof number; i < payload.size(); ++i) {
+struct Heading {
+    std::uint32_t sender;
+    std::uint32_t number;
+    std::uint32_t seed;
+};
+
+Bytes MakePayload(const Heading& heading) {
+    Bytes payload(sizeof heading);
+    std::memcpy(payload.data(), &heading, sizeof heading);
+    std::minstd_rand bytes(heading.seed + 1);
+    payload.resize(sizeof heading + bytes() % (kMostBytes - sizeof heading));
+    for (std::size_t i = sizeof heading; i < payload.size(); ++i) {
         payload[i] = static_cast<char>(bytes());
     }
     return payload;
 }
 
-bool IsIntact(const Bytes& payload) {
-    std::uint32_t number = 0;
-    if (payload.size() < sizeof number) {
-        return false;
+// Takes the messages of some senders, notifications and requests alike: of each sender all, once,
+// in the order in which they were sent, from its first on.
+class Receiver {
+public:
+    // What is wrong with the message; empty where it is intact and the next of its sender.
+    std::string Take(const Bytes& payload) {
+        Heading heading{};
+        if (payload.size() < sizeof heading) {
+            return "is too short";
+        }
+        std::memcpy(&heading, payload.data(), sizeof heading);
+        if (payload != MakePayload(heading)) {
+            return "is not intact";
+        }
+        const std::uint32_t expected = m_next[heading.sender];
+        m_next[heading.sender] = heading.number + 1;
+        return heading.number == expected
+                   ? ""
+                   : "of sender " + std::to_string(heading.sender) + " has the number " +
+                         std::to_string(heading.number) + ", not " + std::to_string(expected);
     }
-    std::memcpy(&number, payload.data(), sizeof number);
-    return payload == MakePayload(number);
-}
+
+    void Restart() {
+        m_next.clear();
+    }
+
+private:
+    std::map<std::uint32_t, std::uint32_t> m_next;
+};
 
 // The right answer to a request differs from it in every byte.
 Bytes Answer(Bytes request) {
@@ -95,6 +127,11 @@ void Expect(bool holds, const std::string& otherwise) {
     }
 }
 
+void ExpectIsNext(Receiver& receiver, const Bytes& payload, const std::string& message) {
+    const std::string wrong = receiver.Take(payload);
+    Expect(wrong.empty(), message + " " + wrong);
+}
+
 // ---- What the channel does that leaves something behind ----
 
 std::atomic<int> g_bound{0};
@@ -108,17 +145,19 @@ std::vector<GVariant*> g_kept;  // replies that the channel holds a reference to
 
 // ---- The partner process ----
 
-void TalkAsPartner(tevrol::Partner& partner, unsigned seed) {
+void TalkAsPartner(tevrol::Partner& partner, std::uint32_t sender, unsigned seed) {
     Random random(seed);
+    std::uint32_t number = 0;
+    const auto next = [&] { return MakePayload({sender, number++, Number(random)}); };
     for (;;) {
         if (!partner.IsReady()) {
             std::this_thread::sleep_for(milliseconds(1));
             continue;
         }
         for (int i = 0; i < kBatch; ++i) {
-            partner.Notify(MakePayload(Number(random)));
+            partner.Notify(next());
         }
-        const Bytes request = MakePayload(Number(random));
+        const Bytes request = next();
         const tevrol::PartnerReply reply = partner.Request(request).get();
         Expect(reply.ok && reply.payload == Answer(request), "a reply to the partner");
     }
@@ -127,16 +166,17 @@ void TalkAsPartner(tevrol::Partner& partner, unsigned seed) {
 // Ends when it is killed.
 int RunPartner(const std::string& channel, unsigned seed) {
     std::atomic<unsigned> notifications{0};
+    Receiver receiver;  // on the partner's thread
     const auto answer = [&](const Bytes& request) {
         if (request == kHowMany) {
             return tevrol::ToBytes(std::to_string(notifications));
         }
-        Expect(IsIntact(request), "a request to the partner");
+        ExpectIsNext(receiver, request, "a request to the partner");
         return Answer(request);
     };
     const auto event = [&](const tevrol::PartnerEvent& happened) {
         if (happened.kind == tevrol::PartnerEvent::Kind::Notification) {
-            Expect(IsIntact(happened.payload), "a notification to the partner");
+            ExpectIsNext(receiver, happened.payload, "a notification to the partner");
             ++notifications;
         }
     };
@@ -150,8 +190,8 @@ int RunPartner(const std::string& channel, unsigned seed) {
     partner.Open();
     std::vector<std::thread> senders;
     senders.reserve(kPartnerSenders);
-    for (int i = 0; i < kPartnerSenders; ++i) {
-        senders.emplace_back(TalkAsPartner, std::ref(partner), Number(random));
+    for (std::uint32_t i = 0; i < kPartnerSenders; ++i) {
+        senders.emplace_back(TalkAsPartner, std::ref(partner), i, Number(random));
     }
     if (refuses) {
         // Up to two attempts of the resend thread fail too.
@@ -211,17 +251,20 @@ public:
     SoakChannel() : TevrolDbusRemote(kChannel) {}
 
     std::vector<char> HandleMessage(std::vector<char>& data) override {
-        Expect(IsIntact(data), "a request to this end");
+        ExpectIsNext(receiver, data, "a request to this end");
         ++requests;
         return Answer(data);
     }
     void HandleNotification(std::vector<char>& data) override {
-        Expect(IsIntact(data), "a notification to this end");
+        ExpectIsNext(receiver, data, "a notification to this end");
         ++notifications;
     }
     void HandleConnectionReady(bool, const std::string&) override {}
 
-    unsigned requests = 0;  // on the loop thread
+    // On the loop thread. What a partner sends last may be cut off when it is killed: what has come
+    // is a beginning without a gap.
+    Receiver receiver;
+    unsigned requests = 0;
     unsigned notifications = 0;
 };
 
@@ -286,8 +329,8 @@ void Print(const char* when, const Holdings& holdings) {
 class Soak {
 public:
     Soak(std::string program, unsigned seed) : m_program(std::move(program)), m_random(seed) {
-        for (int i = 0; i < kSenders; ++i) {
-            m_senders.emplace_back([this, first = Number(m_random)] { Talk(first); });
+        for (std::uint32_t i = 0; i < kSenders; ++i) {
+            m_senders.emplace_back([this, i, first = Number(m_random)] { Talk(i, first); });
         }
     }
     ~Soak() {
@@ -324,6 +367,9 @@ public:
             messages, seconds, static_cast<double>(messages) / seconds, warm_up, m_requests.load(),
             m_notifications.load(), m_channel.requests, m_channel.notifications, m_ended - 1,
             g_refused.load());
+        if (duration >= kLong) {
+            Expect(messages >= kMessagesInLong, "fewer messages than a long run has");
+        }
     }
 
 private:
@@ -331,14 +377,17 @@ private:
         return m_requests + m_notifications + m_channel.requests + m_channel.notifications;
     }
 
-    void Talk(unsigned seed) {
+    void Talk(std::uint32_t sender, unsigned seed) {
         Random random(seed);
+        const auto next = [&] {
+            return MakePayload({sender, m_sent_by[sender]++, Number(random)});
+        };
         while (m_gate.Enter()) {
             for (int i = 0; i < kBatch; ++i) {
-                Bytes payload = MakePayload(Number(random));
+                Bytes payload = next();
                 m_channel.SendNotification(payload);
             }
-            Bytes request = MakePayload(Number(random));
+            Bytes request = next();
             Expect(m_channel.SendMessage(request) == Answer(request), "a reply to this end");
             m_notifications += kBatch;
             m_sent_to_this += kBatch;
@@ -372,6 +421,10 @@ private:
 
     void LaunchPartner() {
         m_sent_to_this = 0;
+        for (auto& sent : m_sent_by) {
+            sent = 0;
+        }
+        m_channel.receiver.Restart();
         m_partner.emplace(m_program, kChannel,
                           std::vector<std::string>{"partner", std::to_string(Number(m_random))});
         Expect(tevrol::IterateUntil([] { return g_bound > g_lost; }), "no partner was bound");
@@ -428,6 +481,7 @@ private:
     std::atomic<unsigned long> m_requests{0};
     std::atomic<unsigned long> m_notifications{0};
     std::atomic<unsigned> m_sent_to_this{0};  // notifications to this partner process
+    std::array<std::atomic<std::uint32_t>, kSenders> m_sent_by{};  // messages to it, by sender
     int m_ended = 0;
     std::vector<std::thread> m_senders;
 };

@@ -10,14 +10,6 @@
 
 GDBusConnection* ChannelTest::connection = nullptr;
 
-Bytes AllByteValues() {
-    Bytes bytes;
-    for (int value = 0; value < 256; ++value) {
-        bytes.push_back(static_cast<char>(value));
-    }
-    return bytes;
-}
-
 Connection OpenConnection(const std::string& address) {
     return Connection(g_dbus_connection_new_for_address_sync(
         address.c_str(),
@@ -29,7 +21,7 @@ Connection OpenConnection(const std::string& address) {
 GVariant* CallDriver(GDBusConnection* connection, const char* method, GVariant* parameters) {
     return g_dbus_connection_call_sync(connection, "org.freedesktop.DBus", "/org/freedesktop/DBus",
                                        "org.freedesktop.DBus", method, parameters, nullptr,
-                                       G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr);
+                                       G_DBUS_CALL_FLAGS_NONE, G_MAXINT, nullptr, nullptr);
 }
 
 // ---- TestPartner ----
@@ -125,6 +117,26 @@ std::string CapturedOutput::Text() const {
     return text;
 }
 
+// ---- Arrivals ----
+
+Arrivals::Arrivals(GDBusConnection* connection, std::string sender)
+    : m_connection(connection),
+      m_sender(std::move(sender)),
+      m_filter(g_dbus_connection_add_filter(connection, OnMessage, this, nullptr)) {}
+
+Arrivals::~Arrivals() {
+    g_dbus_connection_remove_filter(m_connection, m_filter);
+}
+
+GDBusMessage* Arrivals::OnMessage(GDBusConnection* /*connection*/, GDBusMessage* message,
+                                  gboolean incoming, gpointer data) {
+    auto* self = static_cast<Arrivals*>(data);
+    if (incoming != FALSE && g_dbus_message_get_sender(message) == self->m_sender) {
+        ++self->m_count;
+    }
+    return message;
+}
+
 // ---- ChannelTest ----
 
 GDBusConnection* ChannelTest::ConnectToSystemBus() {
@@ -153,13 +165,17 @@ void ChannelTest::Settle(TestPartner& partner) {
 }
 
 void ChannelTest::Settle() {
+    Receive();
+    while (g_main_context_iteration(nullptr, FALSE) != FALSE) {
+    }
+}
+
+void ChannelTest::Receive() {
     // The answer arrives behind all that the bus has routed to this process before; GIO queues each
     // delivery in the main context before it hands out the answer.
     GVariant* reply = CallDriver(connection, "GetId", nullptr);
     if (reply != nullptr) {
         g_variant_unref(reply);
-    }
-    while (g_main_context_iteration(nullptr, FALSE) != FALSE) {
     }
 }
 

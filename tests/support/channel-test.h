@@ -10,6 +10,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <functional>
 #include <future>
 #include <memory>
@@ -25,6 +26,7 @@
 #include "tools/loop.h"
 #include "tools/private-bus.h"
 
+using tevrol::AllByteValues;
 using tevrol::Bytes;
 using tevrol::HandshakeStage;
 using tevrol::IterateUntil;
@@ -32,15 +34,13 @@ using tevrol::PartnerFaults;
 using tevrol::PartnerReply;
 using tevrol::ToBytes;
 
-// Every byte value once, in order.
-Bytes AllByteValues();
-
 using Connection = std::unique_ptr<GDBusConnection, tevrol::GObjectUnref>;
 
 // A further connection, which the bus takes for another process; null when no bus listens there.
 Connection OpenConnection(const std::string& address);
 
-// Calls a method of the bus driver. The reply is the caller's; null on failure.
+// Calls a method of the bus driver and waits as long as it takes. The reply is the caller's; null
+// on failure.
 GVariant* CallDriver(GDBusConnection* connection, const char* method, GVariant* parameters);
 
 // A partner that keeps its events as the lines they print as ("ready :1.0", "announced SYN").
@@ -133,6 +133,28 @@ private:
     int m_file;
 };
 
+// Counts the messages of one sender that reach this process, whoever in it takes them or nobody.
+class Arrivals {
+public:
+    Arrivals(GDBusConnection* connection, std::string sender);
+    ~Arrivals();
+    Arrivals(const Arrivals&) = delete;
+    Arrivals& operator=(const Arrivals&) = delete;
+
+    int Count() const {
+        return m_count;
+    }
+
+private:
+    static GDBusMessage* OnMessage(GDBusConnection* connection, GDBusMessage* message,
+                                   gboolean incoming, gpointer data);
+
+    GDBusConnection* m_connection;
+    const std::string m_sender;
+    std::atomic<int> m_count{0};
+    const guint m_filter;
+};
+
 class ChannelTest : public testing::Test {
 protected:
     static GDBusConnection* ConnectToSystemBus();
@@ -153,6 +175,10 @@ protected:
     static void Settle(TestPartner& partner);
     // The same for what this process itself has sent to the bus and back.
     static void Settle();
+
+    // Returns when all that the bus has passed on to this process so far has arrived, without
+    // dispatching any of it.
+    static void Receive();
 
     // Joins the bus, opens the handshake and waits until both ends are ready.
     static void Connect(TestPartner& partner, TevrolDbusRemote& channel);

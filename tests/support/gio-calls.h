@@ -18,6 +18,9 @@ std::vector<std::string> All();
 std::vector<std::string> Of(const std::string& beginning);
 void Clear();
 
+// The calls of g_dbus_connection_call_sync and g_dbus_proxy_call_sync that have not returned yet.
+std::vector<std::string> UnderWay();
+
 enum class Failure { WithError, WithoutError };
 
 // The next `times` calls whose text begins with `beginning` return null (g_bus_get_sync,

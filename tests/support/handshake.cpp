@@ -168,6 +168,14 @@ pthread_t ResendThread(TestChannel& channel) {
     return channel.m_timerThread;
 }
 
+void EndResends(TestChannel& channel) {
+    {
+        const PTAutoLock between_passes(channel.m_mutex);
+        channel.m_resendHandshake.clear();
+    }
+    EXPECT_TRUE(IterateUntil([&] { return ResendThread(channel) == 0; }));
+}
+
 std::vector<std::string> AnnouncedNames() {
     const std::string request = "g_dbus_connection_call_sync RequestName ";
     std::vector<std::string> names;

@@ -67,6 +67,10 @@ int HandshakeState(TestChannel& channel);
 std::map<std::string, std::string> Owed(TestChannel& channel);
 pthread_t ResendThread(TestChannel& channel);
 
+// Ends the resend thread if one runs, between two passes: a channel must not be destroyed during
+// one.
+void EndResends(TestChannel& channel);
+
 // The announcements that the channel has tried since the last gio_calls::Clear().
 std::vector<std::string> AnnouncedNames();
 

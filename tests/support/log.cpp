@@ -2,6 +2,7 @@
 
 #include <glib.h>
 
+#include <condition_variable>
 #include <cstdarg>
 #include <cstdio>
 #include <mutex>
@@ -113,6 +114,53 @@ void ClearLog() {
 void OnLogLine(std::function<void(const LogLine&)> then) {
     const std::lock_guard<std::mutex> lock(g_mutex);
     g_then = std::move(then);
+}
+
+// ---- HeldThread ----
+
+struct HeldThread::State {
+    void Pass(const std::string& message) {
+        std::unique_lock<std::mutex> lock(mutex);
+        if (message == held_at) {
+            is_there = true;
+            changed.notify_all();
+            changed.wait(lock, [&] { return message != held_at; });
+        }
+    }
+    void HoldAt(const std::string& message) {
+        const std::lock_guard<std::mutex> lock(mutex);
+        held_at = message;
+        is_there = false;
+        changed.notify_all();
+    }
+    void AwaitArrival() {
+        std::unique_lock<std::mutex> lock(mutex);
+        changed.wait(lock, [&] { return is_there; });
+    }
+
+    std::mutex mutex;  // guards the two below
+    std::string held_at;
+    bool is_there = false;
+    std::condition_variable changed;
+};
+
+HeldThread::HeldThread(const std::string& message) : m_state(std::make_shared<State>()) {
+    m_state->HoldAt(message);
+    OnLogLine([state = m_state](const LogLine& line) { state->Pass(line.message); });
+}
+
+HeldThread::~HeldThread() {
+    OnLogLine({});
+    GoOn();
+}
+
+void HeldThread::GoOnTo(const std::string& message) {
+    m_state->HoldAt(message);
+    m_state->AwaitArrival();
+}
+
+void HeldThread::GoOn() {
+    m_state->HoldAt("");
 }
 
 std::vector<std::string> TakeGlibReports() {

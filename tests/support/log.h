@@ -2,6 +2,7 @@
 #pragma once
 
 #include <functional>
+#include <memory>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -32,6 +33,27 @@ void ClearLog();
 // Called on the logging thread for each line from now on, after it was recorded; nothing where
 // empty.
 void OnLogLine(std::function<void(const LogLine&)> then);
+
+// Holds up the thread that logs a certain line, so that what a test makes happen meanwhile happens
+// in that order however long it takes. Uses OnLogLine(). Nobody is held up any more once it is
+// gone.
+class HeldThread {
+public:
+    // From here on whoever logs `message` waits at that line.
+    explicit HeldThread(const std::string& message);
+    ~HeldThread();
+    HeldThread(const HeldThread&) = delete;
+    HeldThread& operator=(const HeldThread&) = delete;
+
+    // Lets it go on, up to another line, and waits until it is there.
+    void GoOnTo(const std::string& message);
+    // Lets it go on for good.
+    void GoOn();
+
+private:
+    struct State;
+    const std::shared_ptr<State> m_state;  // shared with whoever is logging
+};
 
 // What GLib itself has reported (warnings and criticals) since the start or the last call; they are
 // kept off the terminal.

@@ -2,9 +2,9 @@
 // likes.
 #pragma once
 
-#include <gio/gio.h>
-
 #include <string>
+
+#include "tests/support/channel-test.h"
 
 class Stranger {
 public:
@@ -28,7 +28,7 @@ public:
               const char* member, GVariant* body);
 
 private:
-    void CallDriver(const char* method, GVariant* parameters);
+    void Ask(const char* method, GVariant* parameters);
 
-    GDBusConnection* m_connection;
+    const Connection m_connection;
 };
