@@ -19,7 +19,7 @@ done
 
 # shellcheck disable=SC2046 # words on purpose
 scripts/install-packages.sh $(cat scripts/build-packages.txt) libbenchmark-dev libsdbus-c++-dev \
-  gnuplot-nox python3-minimal
+  gnuplot-nox python3
 
 results=build/bench/results
 rm -rf "$results"

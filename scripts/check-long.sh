@@ -4,15 +4,10 @@
 set -eu
 cd "$(dirname "$0")/.."
 
-# shellcheck disable=SC2046 # words on purpose
-scripts/install-packages.sh $(cat scripts/build-packages.txt) libgmock-dev libgtest-dev \
-  clang clang-tidy git libbenchmark-dev libsdbus-c++-dev
-
-step() { printf '\n== %s: %s\n' "$(date +%T)" "$1"; }
+. scripts/checks.sh
 
 step "clang-tidy over the tests"
-cmake --preset clang -DTEVROL_BENCHMARKS=ON -DCMAKE_DISABLE_PRECOMPILE_HEADERS=ON
-git ls-files -- 'tests/*.cpp' | xargs -P 2 -n 2 clang-tidy --quiet -p build/clang
+git ls-files -- 'tests/*.cpp' | tidy
 
 step "release: shared and optimised, payloads converted byte by byte"
 cmake --preset release -DCMAKE_COMPILE_WARNING_AS_ERROR=ON
@@ -32,5 +27,7 @@ step "packages"
 scripts/check-packages.sh
 
 step "other processors"
-scripts/check-32bit.sh
-scripts/check-arm64.sh
+status=0
+scripts/check-32bit.sh || status=1
+scripts/check-arm64.sh || status=1
+exit $status

@@ -1,20 +1,19 @@
 #!/bin/sh
-# What CI checks beyond the tests: formatting, clang-tidy, the shared build with the other payload
-# conversion, sanitizers, valgrind, mutants, coverage, instructions, fuzzing and a soak.
+# What CI checks beyond the tests: formatting, shellcheck, clang-tidy, the shared build with the other
+# payload conversion, sanitizers, valgrind, mutants, coverage, instructions, fuzzing and a soak.
 # scripts/check-long.sh has more of the same. Installs what is missing.
 set -eu
 cd "$(dirname "$0")/.."
 
-# shellcheck disable=SC2046 # words on purpose
-scripts/install-packages.sh $(cat scripts/build-packages.txt) libgmock-dev libgtest-dev \
-  clang clang-format clang-tidy git libbenchmark-dev libsdbus-c++-dev
-
-step() { printf '\n== %s: %s\n' "$(date +%T)" "$1"; }
+. scripts/checks.sh
 
 sources() { git ls-files -- '*.cpp' '*.h'; }
 
 step "clang-format"
 sources | xargs clang-format --dry-run --Werror
+
+step "shellcheck"
+git ls-files -- '*.sh' .ci | xargs shellcheck -x
 
 step "the library's sources compile on their own, with GIO's flags alone"
 for compiler in g++ clang++; do
@@ -29,8 +28,7 @@ step "the API reference, without a warning"
 scripts/docs.sh
 
 step "clang-tidy, and with it clang++'s warnings"
-cmake --preset clang -DTEVROL_BENCHMARKS=ON -DCMAKE_DISABLE_PRECOMPILE_HEADERS=ON
-git ls-files -- '*.cpp' | grep -v '^tests/' | xargs -P 2 -n 2 clang-tidy --quiet -p build/clang
+git ls-files -- '*.cpp' | grep -v '^tests/' | tidy
 
 step "bulk: shared, optimised, payloads converted in one copy"
 cmake --preset bulk -DCMAKE_COMPILE_WARNING_AS_ERROR=ON

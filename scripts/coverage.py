@@ -5,12 +5,12 @@ import pathlib
 import sys
 
 # Branches that nothing reaches but a failed allocation or, where it says so, the compiler's own
-# code: the text of the line, and why.
+# code: the file and the text of the line, how many there are, and why.
 UNREACHABLE = {
-    "if (m_introspection_data != nullptr) {":
-        "the text of the interface is a constant and always parses",
-    "static std::mutex& identifier_and_line = *new std::mutex;":
-        "a failed allocation, and two threads at once in the compiler's guard of the variable",
+    ("src/ipc/tevrol-dbus-remote.cpp", "if (m_introspection_data != nullptr) {"):
+        (1, "the text of the interface is a constant and always parses"),
+    ("src/platform/dlog-syslog.cpp", "static std::mutex& identifier_and_line = *new std::mutex;"):
+        (3, "a failed allocation, and two threads at once in the compiler's guard of the variable"),
 }
 
 
@@ -26,10 +26,11 @@ def main():
             if line["count"] != 0 and untaken == 0:
                 continue
             what = "line not run" if line["count"] == 0 else f"{untaken} branch(es) not taken"
-            why = UNREACHABLE.get(text) if line["count"] != 0 else None
+            excused, why = UNREACHABLE.get((file["file"], text), (0, None))
+            expected = line["count"] != 0 and untaken <= excused
             print(f"{file['file']}:{line['line_number']}: {what}: {text}"
-                  + (f" ({why})" if why else "   <-- UNEXPECTED"))
-            missed += why is None
+                  + (f" ({why})" if expected else "   <-- UNEXPECTED"))
+            missed += not expected
     print("nothing is missed but what is listed" if missed == 0 else f"{missed} places missed")
     return 1 if missed else 0
 

@@ -8,7 +8,8 @@ set -eu
 cd "$(dirname "$0")/.."
 
 # shellcheck disable=SC2046 # words on purpose
-scripts/install-packages.sh $(cat scripts/build-packages.txt) libgmock-dev libgtest-dev clang llvm
+scripts/install-packages.sh $(cat scripts/build-packages.txt) libgmock-dev libgtest-dev \
+  clang libclang-rt-dev llvm
 cmake --preset fuzz >/dev/null
 cmake --build --preset fuzz
 

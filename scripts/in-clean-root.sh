@@ -9,11 +9,13 @@ folder=$1 command=$2 architecture=${3:-$(dpkg --print-architecture)}
 
 "$(dirname "$0")/install-packages.sh" debootstrap
 root=$(mktemp -d)
+chmod 755 "$root"  # it will be everybody's /
 cleanup() {
-  umount "$root/proc" "$root/dev/pts" "$root/dev" 2>/dev/null || true
+  umount "$root/proc" "$root/dev/pts" "$root/dev" "$root" 2>/dev/null || true
   rm -rf --one-file-system "$root"
 }
 trap cleanup EXIT
+mount --bind "$root" "$root"  # a mount point, so that tests can have a view of their own of it
 
 # shellcheck disable=SC2016 # apt's own variable
 mirror=$(apt-get indextargets --format '$(SITE)' 'Created-By: Packages' 'Codename: bookworm' |

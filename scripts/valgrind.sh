@@ -32,18 +32,6 @@ for part in "$@"; do
   esac
 done
 
-# run PROGRAM FILTER: under memcheck, with GLib's own suppressions (they come with its headers) and
-# ours.
-cat >"$folder/run" <<'END'
-report=$(valgrind --quiet --error-exitcode=99 --leak-check=full \
-  --show-leak-kinds=definite --errors-for-leak-kinds=definite --child-silent-after-fork=yes \
-  --suppressions=/usr/share/glib-2.0/valgrind/glib.supp \
-  --suppressions=tests/sanitizers/valgrind.supp \
-  "build/dev/tests/$1" --gtest_filter="$2" 2>&1)
-result=$?
-if [ $result -ne 0 ]; then printf '== %s\n%s\n' "$2" "$report"; exit 1; fi
-printf '%s\n' "$report" | sed -n 's/^\[  PASSED  \] \([0-9]*\) tests\?\..*/\1/p' >>"$3"
-END
-
-xargs -a "$folder/runs" -P 2 -I{} sh -c 'set -f; sh "$0" {} "$1"' "$folder/run" "$folder/passed"
+xargs -a "$folder/runs" -P 2 -L 1 scripts/memcheck.sh tests/sanitizers/valgrind.supp \
+  >"$folder/passed"
 echo "valgrind: $(awk '{ tests += $1 } END { print tests }' "$folder/passed") tests, no errors"
