@@ -151,6 +151,7 @@ private:
         const Name& changed = names[m_choices.Below(3)];
         GVariant* body =
             g_variant_ref_sink(m_choices.OneIn(8) ? AnyBody(m_choices) : OwnerChange(changed.name));
+        m_nobody_released = m_nobody_released || IsOfNobody(body);
         GDBusConnection* connection = Connection();
         changed.callback(connection, "org.freedesktop.DBus", "/org/freedesktop/DBus",
                          "org.freedesktop.DBus", "NameOwnerChanged", body, UserData());
@@ -161,9 +162,17 @@ private:
     GVariant* OwnerChange(const char* name) {
         const std::string old_owner = Owner();
         const std::string new_owner = m_choices.OneIn(4) ? Owner() : "";
-        // The bus releases what somebody owned, and names its owners by names.
-        m_nobody_released = m_nobody_released || g_dbus_is_name(old_owner.c_str()) == FALSE;
         return g_variant_new("(sss)", name, old_owner.c_str(), new_owner.c_str());
+    }
+
+    // The bus releases what somebody owned, and names its owners by names.
+    static bool IsOfNobody(GVariant* body) {
+        if (g_variant_is_of_type(body, G_VARIANT_TYPE("(sss)")) == FALSE) {
+            return false;
+        }
+        const gchar* old_owner = nullptr;
+        g_variant_get_child(body, 1, "&s", &old_owner);
+        return g_dbus_is_name(old_owner) == FALSE;
     }
 
     void LosePartner() {
