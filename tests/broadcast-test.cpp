@@ -116,8 +116,7 @@ TEST_F(Broadcast, OfANameThatThisProcessOwnsAlreadyIsRefusedWithCode4) {
 }
 
 TEST_F(Broadcast, OnAClosedConnectionLogsTheErrorAndThenTheMissingReply) {
-    const Connection closed = OpenConnection(bus.Address());
-    g_dbus_connection_close_sync(closed.get(), nullptr, nullptr);
+    const Connection closed = ClosedConnection(bus.Address());
     GDBusConnection* open = std::exchange(channel.m_connection, closed.get());
     EXPECT_FALSE(Announce());
     channel.m_connection = open;

@@ -175,8 +175,7 @@ TEST_F(Notification, WhoseEmissionFailsIsLoggedWithCodeAndMessage) {
 }
 
 TEST_F(Notification, OnAClosedConnectionIsLoggedWithTheLibrarysError) {
-    const Connection closed = OpenConnection(bus.Address());
-    g_dbus_connection_close_sync(closed.get(), nullptr, nullptr);
+    const Connection closed = ClosedConnection(bus.Address());
     GDBusConnection* open = std::exchange(channel.m_connection, closed.get());
     Send(ToBytes("x"));
     channel.m_connection = open;

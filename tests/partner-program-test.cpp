@@ -210,13 +210,15 @@ TEST_F(PartnerProgram, ToldToLeaveAndJoinDoesAndIsReadyAgain) {
 
 TEST_F(PartnerProgram, ToldToAnnounceAStageDoes) {
     Start({"--wait"});
-    for (const std::string stage : {"syn", "syn-ack", "ack"}) {
-        EXPECT_TRUE(Command("announce " + stage, "announced "));
+    // Backwards, so that the other end's answer makes the partner announce nothing by itself. Which
+    // of them that end heard, its log knows.
+    for (const auto& [stage, callback] : {std::pair("ack", "cb_AckNameOwnerChanged"),
+                                          std::pair("syn-ack", "cb_SynAckNameOwnerChanged"),
+                                          std::pair("syn", "cb_SynNameOwnerChanged")}) {
+        EXPECT_THAT(LogOf(callback), IsEmpty());
+        EXPECT_TRUE(Command(std::string("announce ") + stage, "announced "));
+        EXPECT_TRUE(IterateUntil([&, name = callback] { return !LogOf(name).empty(); }));
     }
-    // Which of them the other end heard: its log knows.
-    EXPECT_TRUE(IterateUntil([&] { return !LogOf("cb_AckNameOwnerChanged").empty(); }));
-    EXPECT_FALSE(LogOf("cb_SynNameOwnerChanged").empty());
-    EXPECT_FALSE(LogOf("cb_SynAckNameOwnerChanged").empty());
 }
 
 TEST_F(PartnerProgram, ToldToHoldAndReleaseAClientNameDoesAndSaysIfItCannot) {

@@ -18,6 +18,15 @@ Connection OpenConnection(const std::string& address) {
         nullptr, nullptr, nullptr));
 }
 
+Connection ClosedConnection(const std::string& address) {
+    Connection connection = OpenConnection(address);
+    g_dbus_connection_close_sync(connection.get(), nullptr, nullptr);
+    // Closing returns before GIO's worker thread has marked it so.
+    EXPECT_TRUE(
+        IterateUntil([&] { return g_dbus_connection_is_closed(connection.get()) != FALSE; }));
+    return connection;
+}
+
 GVariant* CallDriver(GDBusConnection* connection, const char* method, GVariant* parameters) {
     return g_dbus_connection_call_sync(connection, "org.freedesktop.DBus", "/org/freedesktop/DBus",
                                        "org.freedesktop.DBus", method, parameters, nullptr,

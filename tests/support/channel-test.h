@@ -38,6 +38,8 @@ using Connection = std::unique_ptr<GDBusConnection, tevrol::GObjectUnref>;
 
 // A further connection, which the bus takes for another process; null when no bus listens there.
 Connection OpenConnection(const std::string& address);
+// One that has been closed, and knows it.
+Connection ClosedConnection(const std::string& address);
 
 // Calls a method of the bus driver and waits as long as it takes. The reply is the caller's; null
 // on failure.
