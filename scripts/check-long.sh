@@ -9,10 +9,12 @@ cd "$(dirname "$0")/.."
 step "clang-tidy over the tests"
 git ls-files -- 'tests/*.cpp' | tidy
 
-step "release: shared and optimised, payloads converted byte by byte"
-cmake --preset release -DCMAKE_COMPILE_WARNING_AS_ERROR=ON
-cmake --build --preset release
-ctest --preset release -LE once
+for preset in release bulk; do
+  step "$preset: all tests, shared and optimised"
+  cmake --preset $preset -DCMAKE_COMPILE_WARNING_AS_ERROR=ON
+  cmake --build --preset $preset
+  ctest --preset $preset -LE once
+done
 
 step "valgrind over the unit tests"
 scripts/valgrind.sh unit

@@ -30,10 +30,10 @@ scripts/docs.sh
 step "clang-tidy, and with it clang++'s warnings"
 git ls-files -- '*.cpp' | grep -v '^tests/' | tidy
 
-step "bulk: shared, optimised, payloads converted in one copy"
+step "the channel and the library: shared, optimised, payloads converted in one copy"
 cmake --preset bulk -DCMAKE_COMPILE_WARNING_AS_ERROR=ON
-cmake --build --preset bulk
-ctest --preset bulk -LE once
+cmake --build --preset bulk --target unit-tests library-tests development-tests
+ctest --preset bulk -L 'unit|library'
 
 step "AddressSanitizer, LeakSanitizer, UndefinedBehaviorSanitizer"
 cmake --preset asan

@@ -184,17 +184,17 @@ TEST_F(Request, ThatIsAnsweredWithAnotherTypeIsLoggedWithThatTypeAndGivesAnEmpty
         AnswerWith(body);
         EXPECT_THAT(Send(ToBytes("x")), IsEmpty());
         EXPECT_THAT(Log(), ElementsAre(Sending(1), WrongType("SendMessage", type)));
-        EXPECT_EQ(gio_calls::LastReply(), nullptr) << "kept";
+        EXPECT_THAT(gio_calls::KeptReplies(), IsEmpty());
     }
     EXPECT_THAT(TakeGlibReports(), IsEmpty());
 }
 
 TEST_F(Request, ReplyKeepsExactlyOneReference) {
     EXPECT_EQ(Send(ToBytes("abc")), ToBytes("cba"));
-    GVariant* reply = gio_calls::LastReply();
-    ASSERT_NE(reply, nullptr);
-    g_variant_unref(reply);
-    EXPECT_EQ(gio_calls::LastReply(), nullptr);
+    const std::vector<GVariant*> kept = gio_calls::KeptReplies();
+    ASSERT_EQ(kept.size(), 1U);
+    g_variant_unref(kept[0]);
+    EXPECT_THAT(gio_calls::KeptReplies(), IsEmpty());
 }
 
 TEST_F(Request, FromAnotherThreadIsAnsweredWhileTheLoopRunsHere) {

@@ -661,6 +661,12 @@ INSTANTIATE_TEST_SUITE_P(EachFault, VerifyFaultTest,
                                          "--leave=after-syn-ack", "--leave=before-ack",
                                          "--leave=during-ack", "--leave=after-ack", "--leave=ready",
                                          "--leave=request", "--hold=syn", "--hold=syn-ack",
-                                         "--hold=ack"));
+                                         "--hold=ack"),
+                         [](const auto& option) {
+                             std::string name = std::string(option.param).substr(2);
+                             std::replace(name.begin(), name.end(), '-', '_');
+                             std::replace(name.begin(), name.end(), '=', '_');
+                             return name;
+                         });
 
 }  // namespace

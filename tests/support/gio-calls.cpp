@@ -3,6 +3,7 @@
 #include <gio/gio.h>
 #include <pthread.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <list>
 #include <mutex>
@@ -27,11 +28,12 @@ std::function<void()> g_action;
 
 // A reply in the guise in which its end can be seen.
 struct WatchedReply {
-    GVariant* original = nullptr;
-    GVariant* handed_out = nullptr;
+    GVariant* original;
+    GVariant* handed_out;
 };
 std::mutex g_reply_mutex;  // guards the one below
-WatchedReply g_last_reply;
+// Never destroyed: the search for leaks, when all else is over, finds here what the channel keeps.
+auto& g_replies = *new std::vector<WatchedReply>;
 
 bool BeginsWith(const std::string& text, const std::string& beginning) {
     return text.compare(0, beginning.size(), beginning) == 0;
@@ -99,9 +101,9 @@ std::optional<guint32> TakeCode(const std::string& method) {
 void ForgetReply(gpointer original) {
     {
         const std::lock_guard<std::mutex> lock(g_reply_mutex);
-        if (g_last_reply.original == original) {
-            g_last_reply = {};
-        }
+        g_replies.erase(
+            std::find_if(g_replies.begin(), g_replies.end(),
+                         [=](const WatchedReply& reply) { return reply.original == original; }));
     }
     g_variant_unref(static_cast<GVariant*>(original));
 }
@@ -115,7 +117,7 @@ GVariant* Watch(GVariant* reply) {
         g_variant_ref_sink(g_variant_new_from_bytes(g_variant_get_type(reply), content, TRUE));
     {
         const std::lock_guard<std::mutex> lock(g_reply_mutex);
-        g_last_reply = {reply, handed_out};
+        g_replies.push_back({reply, handed_out});
     }
     g_bytes_unref(content);
     return handed_out;
@@ -180,9 +182,13 @@ void AnswerCode(const std::string& method, guint32 code) {
     g_codes.emplace_back(method, code);
 }
 
-GVariant* LastReply() {
+std::vector<GVariant*> KeptReplies() {
     const std::lock_guard<std::mutex> lock(g_reply_mutex);
-    return g_last_reply.handed_out;
+    std::vector<GVariant*> kept;
+    for (const WatchedReply& reply : g_replies) {
+        kept.push_back(reply.handed_out);
+    }
+    return kept;
 }
 
 void BeforeCall(std::size_t count, std::function<void()> action) {

@@ -31,9 +31,10 @@ void Fail(const std::string& beginning, int times = 1, Failure failure = Failure
 // The next call of the bus driver's `method` answers `code` without reaching the bus.
 void AnswerCode(const std::string& method, guint32 code);
 
-// The reply that the last successful g_dbus_proxy_call_sync returned; null once nothing refers to
-// it any more.
-GVariant* LastReply();
+// The replies that g_dbus_proxy_call_sync has returned, without those that nothing refers to any
+// more. The channel keeps them by design, without a pointer to them: to the search for leaks they
+// are none because they are remembered here.
+std::vector<GVariant*> KeptReplies();
 
 // Runs `action` once, on the calling thread, before the `count`-th call from now on (1: the next)
 // is recorded and goes ahead.
