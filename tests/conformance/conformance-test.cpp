@@ -84,13 +84,13 @@ std::vector<char> ToBytes(const std::string& text) {
 }
 
 void ChannelLife::Construct(Handlers handlers) {
-    channel.reset(new StubChannel("demo", handlers));
+    channel = std::make_unique<StubChannel>("demo", handlers);
 }
 
 void ChannelLife::Hear(NameOwnerChanged stage, const std::string& old_owner,
                        const std::string& new_owner) {
     Deliver(stage, g_variant_new_parsed("('a.name', %s, %s)", old_owner.c_str(), new_owner.c_str()),
-            world.Connection(), channel.get());
+            StubWorld::Connection(), channel.get());
 }
 
 void ChannelLife::Deliver(NameOwnerChanged stage, GVariant* body, GDBusConnection* connection,
@@ -102,20 +102,20 @@ void ChannelLife::Deliver(NameOwnerChanged stage, GVariant* body, GDBusConnectio
 }
 
 void ChannelLife::Lose(const std::string& name) {
-    TevrolDbusRemote::cb_PartnerNameVanished(world.Connection(), name.c_str(), channel.get());
+    TevrolDbusRemote::cb_PartnerNameVanished(StubWorld::Connection(), name.c_str(), channel.get());
 }
 
 void ChannelLife::Receive(GVariant* body) {
     g_variant_ref_sink(body);
-    TevrolDbusRemote::cb_MethodCall(world.Connection(), ":1.5", channel->m_object_name.c_str(),
-                                    "an.interface", "AMethod", body, world.Invocation(),
+    TevrolDbusRemote::cb_MethodCall(StubWorld::Connection(), ":1.5", channel->m_object_name.c_str(),
+                                    "an.interface", "AMethod", body, StubWorld::Invocation(),
                                     channel.get());
     Unref(body);
 }
 
 void ChannelLife::ReceiveSignal(GVariant* body, const char* member) {
     g_variant_ref_sink(body);
-    TevrolDbusRemote::cb_SignalCall(world.Connection(), ":1.5", channel->m_object_name.c_str(),
+    TevrolDbusRemote::cb_SignalCall(StubWorld::Connection(), ":1.5", channel->m_object_name.c_str(),
                                     "an.interface", member, body, channel.get());
     Unref(body);
 }

@@ -201,15 +201,15 @@ TEST_P(BindingStage, WithoutConnectionIsAnError) {
 
 TEST_P(BindingStage, WithoutObjectIsAnError) {
     Record();
-    Deliver(GetParam().callback, g_variant_new_parsed("('a.name', ':1.5', '')"), world.Connection(),
-            nullptr);
+    Deliver(GetParam().callback, g_variant_new_parsed("('a.name', ':1.5', '')"),
+            StubWorld::Connection(), nullptr);
     Matches();
 }
 
 TEST_P(BindingStage, ABodyOfAnotherTypeIsAnError) {
     Record();
     Deliver(GetParam().callback, g_variant_new_parsed("('a.name', uint32 5, '')"),
-            world.Connection(), channel.get());
+            StubWorld::Connection(), channel.get());
     Matches();
 }
 
@@ -281,7 +281,7 @@ TEST_F(AckStage, WithoutObjectIsAnError) {
     ConstructBound();
     Record();
     Deliver(&Channel::cb_AckNameOwnerChanged, g_variant_new_parsed("('a.name', ':1.5', '')"),
-            world.Connection(), nullptr);
+            StubWorld::Connection(), nullptr);
     Matches();
 }
 
@@ -289,7 +289,7 @@ TEST_F(AckStage, ABodyOfAnotherTypeIsAnError) {
     ConstructBound();
     Record();
     Deliver(&Channel::cb_AckNameOwnerChanged, g_variant_new_parsed("('a.name', ':1.5')"),
-            world.Connection(), channel.get());
+            StubWorld::Connection(), channel.get());
     Matches();
 }
 
@@ -345,7 +345,7 @@ TEST_F(Loss, WithoutConnectionIsAnError) {
 
 TEST_F(Loss, WithoutObjectIsAnError) {
     Record();
-    Channel::cb_PartnerNameVanished(world.Connection(), ":1.5", nullptr);
+    Channel::cb_PartnerNameVanished(StubWorld::Connection(), ":1.5", nullptr);
     Matches();
 }
 
@@ -601,8 +601,8 @@ TEST_F(IncomingRequest, OfAnotherPathIsIgnored) {
     Construct();
     GVariant* body = g_variant_ref_sink(Payload());
     Record();
-    Channel::cb_MethodCall(world.Connection(), ":1.5", "/another/path", "an.interface", "AMethod",
-                           body, world.Invocation(), channel.get());
+    Channel::cb_MethodCall(StubWorld::Connection(), ":1.5", "/another/path", "an.interface",
+                           "AMethod", body, StubWorld::Invocation(), channel.get());
     Matches();
     Unref(body);
 }
@@ -611,15 +611,15 @@ TEST_F(IncomingRequest, WithoutConnectionIsAnError) {
     Construct();
     Record();
     Channel::cb_MethodCall(nullptr, ":1.5", channel->m_object_name.c_str(), "an.interface",
-                           "AMethod", nullptr, world.Invocation(), channel.get());
+                           "AMethod", nullptr, StubWorld::Invocation(), channel.get());
     Matches();
 }
 
 TEST_F(IncomingRequest, WithoutObjectIsAnError) {
     Construct();
     Record();
-    Channel::cb_MethodCall(world.Connection(), ":1.5", channel->m_object_name.c_str(),
-                           "an.interface", "AMethod", nullptr, world.Invocation(), nullptr);
+    Channel::cb_MethodCall(StubWorld::Connection(), ":1.5", channel->m_object_name.c_str(),
+                           "an.interface", "AMethod", nullptr, StubWorld::Invocation(), nullptr);
     Matches();
 }
 
@@ -727,7 +727,7 @@ TEST_F(IncomingNotification, OfAnotherPathIsIgnored) {
     ConstructReady();
     GVariant* body = g_variant_ref_sink(Payload());
     Record();
-    Channel::cb_SignalCall(world.Connection(), ":1.5", "/another/path", "an.interface",
+    Channel::cb_SignalCall(StubWorld::Connection(), ":1.5", "/another/path", "an.interface",
                            "SendSignal", body, channel.get());
     Matches();
     Unref(body);
@@ -744,7 +744,7 @@ TEST_F(IncomingNotification, WithoutConnectionIsAnError) {
 TEST_F(IncomingNotification, WithoutObjectIsAnError) {
     ConstructReady();
     Record();
-    Channel::cb_SignalCall(world.Connection(), ":1.5", channel->m_object_name.c_str(),
+    Channel::cb_SignalCall(StubWorld::Connection(), ":1.5", channel->m_object_name.c_str(),
                            "an.interface", "SendSignal", nullptr, nullptr);
     Matches();
 }

@@ -1,5 +1,6 @@
 #include "tests/conformance/stub-world.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "platform/dlog.h"
@@ -52,7 +53,7 @@ std::string Quoted(const char* text) {
         return "null";
     }
     gchar* escaped = g_strescape(text, nullptr);
-    const std::string quoted = '"' + std::string(escaped) + '"';
+    std::string quoted = '"' + std::string(escaped) + '"';
     g_free(escaped);
     return quoted;
 }
@@ -147,12 +148,8 @@ std::set<std::string> StubWorld::Held() const {
 }
 
 bool StubWorld::Watches(const std::string& name) const {
-    for (const auto& [id, watched_name] : watched) {
-        if (watched_name == name) {
-            return true;
-        }
-    }
-    return false;
+    return std::any_of(watched.begin(), watched.end(),
+                       [&](const auto& watch) { return watch.second == name; });
 }
 
 // ---- Events ----
@@ -278,7 +275,7 @@ void StubWorld::NoteState(bool with_map) {
     if (with_map) {
         std::string entries;
         for (const auto& [partner, suffix] : channel.m_resendHandshake) {
-            entries += (entries.empty() ? "" : ", ") + partner + ": " + suffix;
+            entries.append(entries.empty() ? "" : ", ").append(partner).append(": ").append(suffix);
         }
         now.emplace_back("m_resendHandshake", "{" + entries + "}");
     }
@@ -286,7 +283,8 @@ void StubWorld::NoteState(bool with_map) {
         const auto known = m_state.find(field);
         if (known == m_state.end() || known->second != value) {
             m_state[field] = value;
-            Remember({Event::Kind::State, "  " + field + " = " + value, field});
+            Remember({Event::Kind::State,
+                      std::string("  ").append(field).append(" = ").append(value), field});
         }
     }
 }

@@ -91,8 +91,8 @@ public:
     void Forget();             // the events
 
     // Stand-ins that are known by name.
-    GDBusConnection* Connection();
-    GDBusMethodInvocation* Invocation();
+    static GDBusConnection* Connection();
+    static GDBusMethodInvocation* Invocation();
     // Gives `object` a name in the text.
     void Name(const void* object, const std::string& name);
 

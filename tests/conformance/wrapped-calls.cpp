@@ -110,7 +110,7 @@ void __wrap_g_type_init() {
 void __wrap_g_object_unref(gpointer object) {
     World().Call("g_object_unref", {World().Of(object)});
     World().Release(object);
-    if (object == World().Connection()) {
+    if (object == StubWorld::Connection()) {
         World().Name(object, "connection");
     }
 }
@@ -260,9 +260,9 @@ GDBusConnection* __wrap_g_bus_get_sync(GBusType type, GCancellable* cancellable,
         EndFailed(outcome, "null", error);
         return nullptr;
     }
-    World().Hold(World().Connection(), "connection");
+    World().Hold(StubWorld::Connection(), "connection");
     World().End(outcome, "connection");
-    return World().Connection();
+    return StubWorld::Connection();
 }
 
 const gchar* __wrap_g_dbus_connection_get_unique_name(GDBusConnection* connection) {

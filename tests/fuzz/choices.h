@@ -30,7 +30,7 @@ public:
         const std::size_t wanted = Below(64);
         const auto size =
             static_cast<std::ptrdiff_t>(std::min(wanted, static_cast<std::size_t>(m_end - m_next)));
-        const std::vector<char> bytes(m_next, m_next + size);
+        std::vector<char> bytes(m_next, m_next + size);
         m_next += size;
         return bytes;
     }

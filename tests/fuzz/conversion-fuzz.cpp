@@ -1,6 +1,6 @@
 // Payload conversion, both ways and by both conversions, over any bytes and any value. The
 // channel's source is included for its check of types, which is local there.
-#include "ipc/tevrol-dbus-remote.cpp"
+#include "ipc/tevrol-dbus-remote.cpp"  // NOLINT(bugprone-suspicious-include)
 #include "tests/fuzz/choices.h"
 #include "tests/support/conversion.h"
 

@@ -185,6 +185,7 @@ void AnswerCode(const std::string& method, guint32 code) {
 std::vector<GVariant*> KeptReplies() {
     const std::lock_guard<std::mutex> lock(g_reply_mutex);
     std::vector<GVariant*> kept;
+    kept.reserve(g_replies.size());
     for (const WatchedReply& reply : g_replies) {
         kept.push_back(reply.handed_out);
     }
