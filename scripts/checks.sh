@@ -4,7 +4,7 @@
 # shellcheck disable=SC2046 # words on purpose
 scripts/install-packages.sh $(cat scripts/build-packages.txt) libgmock-dev libgtest-dev \
   clang clang-format clang-tidy git libbenchmark-dev libclang-rt-dev libsdbus-c++-dev llvm \
-  shellcheck
+  python3 shellcheck
 
 step() { printf '\n== %s: %s\n' "$(date +%T)" "$1"; }
 
