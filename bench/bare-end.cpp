@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "bench/bare-end.h"
 
 #include "bench/peer.h"

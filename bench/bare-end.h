@@ -1,6 +1,6 @@
-// The client end of the handshake as GIO calls and nothing else: what the channel's handshake is
-// held against. The same calls in the same order, without log, lock, resending or names built
-// twice.
+// SPDX-License-Identifier: MIT
+// The client end of the handshake as bare GIO calls, which the channel's handshake is compared
+// with: the same calls in the same order, without log, lock, resending or names built twice.
 #pragma once
 
 #include <gio/gio.h>

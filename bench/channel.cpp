@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Compiled once for each build of the channel, which renames its class and the function below.
 #include "bench/channel.h"
 

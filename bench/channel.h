@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The channel as one of the peers, in three builds that live in one program: as it is by default,
 // with TEVROL_BULK_PAYLOADS, and by default with its log lines going to the syslog stand-in. The
 // log lines of the first two are discarded.

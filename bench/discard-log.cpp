@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The log of the benchmark programs: what a line costs without a sink.
 #include "platform/dlog.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "bench/ends.h"
 
 #include <algorithm>
@@ -5,7 +6,7 @@
 #include <utility>
 
 #include "bench/sd-bus.h"
-#include "tools/loop.h"
+#include "devkit/loop.h"
 
 namespace bench {
 namespace {

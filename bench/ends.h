@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The other ends as child processes, and a channel or two that are bound to them.
 #pragma once
 
@@ -6,7 +7,7 @@
 #include <vector>
 
 #include "bench/channel.h"
-#include "tools/partner-process.h"
+#include "devkit/partner-process.h"
 
 namespace bench {
 
@@ -65,8 +66,8 @@ struct CalledService {
 };
 std::vector<CalledService> StartServices();
 
-// Runs the main loop until `condition` holds; throws std::runtime_error naming `what` when it does
-// not come to hold.
+// Runs the main loop until `condition` holds. Throws std::runtime_error with `what` when it does
+// not in time.
 void WaitFor(const std::string& what, const std::function<bool()>& condition);
 
 }  // namespace bench

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The peer that a GLib program would write by hand: a proxy and one GVariant call for a buffer.
 #include <gio/gio.h>
 
@@ -22,7 +23,7 @@ Bytes ToBytes(GVariant* value) {
     return bytes;
 }
 
-// The same, byte by byte: the loop that the channel's own conversion is held against.
+// The same, byte by byte, which the channel's default conversion is compared with.
 GVariant* ToValuePerByte(const Bytes& bytes) {
     GVariantBuilder* builder = g_variant_builder_new(G_VARIANT_TYPE_BYTESTRING);
     for (const char byte : bytes) {
@@ -134,7 +135,8 @@ void ServeGDBus(const std::string& channel, const std::string& caller, Conversio
     GDBusNodeInfo* node = g_dbus_node_info_new_for_xml(kIntrospection, nullptr);
     g_dbus_connection_register_object(connection, path.c_str(), node->interfaces[0], &vtable,
                                       nullptr, nullptr, nullptr);
-    // Able to ask its caller, as the channel is. The proxy takes every signal of the caller too.
+    // It can call its caller, as the channel can. The proxy receives all signals of the caller,
+    // too.
     g_dbus_proxy_new_sync(connection, G_DBUS_PROXY_FLAGS_DO_NOT_LOAD_PROPERTIES, nullptr,
                           caller.c_str(), path.c_str(), kInterface, nullptr, nullptr);
     g_dbus_connection_signal_subscribe(connection, caller.c_str(), kInterface, nullptr,

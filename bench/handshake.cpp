@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Handshakes: from the partner's SYN to ready, and from construction to ready while the partner
 // waits; the channel and the bare calls in turn, each with a partner of its own.
 #include <deque>
@@ -12,7 +13,7 @@
 namespace bench {
 namespace {
 
-// "time" from the order to announce the SYN to ready, over and over with the same end.
+// "time" from the order to announce the SYN to ready, repeatedly with the same end.
 template <typename End>
 Group::Body Opening(End& end, Partners& partners, const std::string& channel) {
     return [&end, &partners, channel](benchmark::State& state) {
@@ -27,8 +28,8 @@ Group::Body Opening(End& end, Partners& partners, const std::string& channel) {
     };
 }
 
-// "time" from construction to ready, each time with a new end and the next of the waiting partners.
-// The ends stay; their partners leave, so that what piles up is the same for both contenders.
+// "time" from construction to ready, each time with a new end and the next waiting partner. The
+// ends stay and their partners leave, for both contenders alike.
 template <typename End>
 Group::Body Constructing(std::function<std::unique_ptr<End>(const std::string&)> make,
                          Partners& partners, std::deque<std::string> channels) {

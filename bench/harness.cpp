@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "bench/harness.h"
 
 #include <malloc.h>
@@ -118,6 +119,35 @@ Group::Body RoundTrips(Peer& peer, std::size_t size) {
                 state.SkipWithError("a reply did not come back whole");
                 break;
             }
+        }
+    };
+}
+
+std::vector<std::size_t> PayloadSizes(Extent extent) {
+    constexpr std::size_t kKiB = 1024;
+    if (extent == Extent::Quick) {
+        return {0, 16, 64, 4 * kKiB, 64 * kKiB};
+    }
+    std::vector<std::size_t> sizes = {0};
+    for (std::size_t size = 1; size <= 16 * kKiB * kKiB; size *= 4) {
+        sizes.push_back(size);
+    }
+    return sizes;
+}
+
+// "time": until all are handled, for one notification; "sending": until the last is sent.
+Group::Body Bursts(Peer& peer, std::size_t size) {
+    constexpr int kBurst = 100;
+    return [&peer, payload = Payload(size)](benchmark::State& state) mutable {
+        Bytes barrier;
+        for (auto _ : state) {
+            const auto start = Clock::now();
+            for (int i = 0; i < kBurst; ++i) {
+                peer.Notify(payload);
+            }
+            state.counters["sending"] = SecondsSince(start) / kBurst;
+            peer.Request(barrier);
+            state.SetIterationTime(SecondsSince(start) / kBurst);
         }
     };
 }

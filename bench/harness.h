@@ -1,5 +1,6 @@
-// Google Benchmark, used so that whatever is compared runs in interleaved rounds: the contenders of
-// a group take turns in random order, and each round of each is a line of CSV.
+// SPDX-License-Identifier: MIT
+// Google Benchmark in interleaved rounds: the contenders of a group take turns in random order, and
+// each round of each is a line of CSV.
 //
 //   subject,metric,contender,x,round,value
 //
@@ -21,13 +22,13 @@ namespace bench {
 void Report(const std::string& subject, const std::string& metric, const std::string& contender,
             std::size_t x, int round, double value);
 
-// A line for whoever waits.
+// A line about the progress.
 void Progress(const std::string& text);
 
 using Clock = std::chrono::steady_clock;
 double SecondsSince(Clock::time_point start);
 
-// What the process holds of the heap, in bytes.
+// The bytes that the process has allocated.
 double HeapInUse();
 
 class Group {
@@ -39,8 +40,8 @@ public:
     using Body = std::function<void(benchmark::State&)>;
     void Add(const std::string& contender, const Body& body);
 
-    // Runs every contender `rounds` times. Short rounds and many of them: then a busy machine hits
-    // all contenders alike.
+    // Runs every contender `rounds` times. With many short rounds a busy machine slows all
+    // contenders alike.
     enum class Timing { Iterations, ByBody };
     void Run(int rounds, int iterations, Timing timing = Timing::Iterations);
 
@@ -56,6 +57,13 @@ private:
 
 // Bytes of all values.
 Bytes Payload(std::size_t size);
+
+// From nothing to 16 MiB.
+enum class Extent { Quick, Full };
+std::vector<std::size_t> PayloadSizes(Extent extent);
+
+// Bursts of notifications of `size` bytes, a request behind each.
+Group::Body Bursts(Peer& peer, std::size_t size);
 
 // Requests of `size` bytes, each of which must come back whole.
 Group::Body RoundTrips(Peer& peer, std::size_t size);

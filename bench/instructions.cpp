@@ -1,5 +1,6 @@
+// SPDX-License-Identifier: MIT
 // tevrol-bench-instructions: makes requests that do not leave the process, for callgrind to count
-// what the channel itself spends on them. scripts/check-instructions.sh runs it.
+// what the channel itself spends on them. scripts/bench.sh --instructions runs it.
 #include <gio/gio.h>
 
 #include <cstdlib>
@@ -9,7 +10,7 @@
 
 #include "bench/ends.h"
 #include "bench/harness.h"
-#include "tools/private-bus.h"
+#include "devkit/private-bus.h"
 
 namespace {
 
@@ -17,7 +18,7 @@ GVariant* g_reply = nullptr;
 
 }  // namespace
 
-// Takes the place of the bus library's: answers at once.
+// Replaces the bus library's function and answers at once.
 GVariant* g_dbus_proxy_call_sync(GDBusProxy* /*proxy*/, const gchar* /*method*/,
                                  GVariant* parameters, GDBusCallFlags /*flags*/, gint /*timeout*/,
                                  GCancellable* /*cancellable*/, GError** /*error*/) {
@@ -46,7 +47,7 @@ int main(int argc, char** argv) {
                 return 1;
             }
         }
-        // Nothing of the end is counted, and the channels must not be destroyed before it.
+        // The end of the process is not counted, and the channels must not be destroyed.
         std::_Exit(0);
     } catch (const std::exception& failure) {
         std::cerr << "tevrol-bench-instructions: " << failure.what() << '\n';

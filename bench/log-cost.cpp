@@ -1,5 +1,6 @@
-// What a request spends in its two log lines: the lines alone, and requests with and without them,
-// with the stand-in for the device's log and with a sink that discards.
+// SPDX-License-Identifier: MIT
+// The cost of a request's two log lines: the lines alone, and requests with and without them, with
+// the stand-in for the device's log and with a sink that discards.
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <syslog.h>
@@ -23,8 +24,8 @@ extern "C" __attribute__((format(printf, 4, 5))) int StandInDlogPrint(int log_id
 namespace bench {
 namespace {
 
-// Takes the lines of syslog(3) where no daemon does; without a reader the stand-in would be
-// measured as it fails.
+// Reads the lines of syslog(3) if no daemon does. Without a reader the stand-in would fail, and
+// that would be measured.
 class LogDaemon {
 public:
     LogDaemon() : m_socket(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // tevrol-bench: measures one subject on a private bus and prints its figures as CSV; progress goes
 // to standard error. scripts/bench.sh runs them all.
 #include <unistd.h>
@@ -9,15 +10,16 @@
 #include <vector>
 
 #include "bench/subjects.h"
-#include "tools/private-bus.h"
+#include "devkit/private-bus.h"
 
 namespace {
 
 constexpr const char* kUsage =
-    "Usage: tevrol-bench requests|notifications|handshake|threads|log quick|full\n"
+    "Usage: tevrol-bench requests|notifications|pairs|pair-threads|handshake|threads|log "
+    "quick|full\n"
     "       tevrol-bench scale CHANNELS ROUND\n"
-    "       tevrol-bench peak channel|bulk|gdbus BYTES\n"
-    "       tevrol-bench growth channel|bulk|keeping BYTES\n";
+    "       tevrol-bench peak channel|bulk|gdbus|either|direct BYTES\n"
+    "       tevrol-bench growth channel|bulk|keeping|either|direct BYTES\n";
 
 // A hundred channels need more match rules than the stock system bus grants a connection.
 constexpr const char* kRoomForMatchRules =
@@ -30,12 +32,17 @@ bool Measure(const std::vector<std::string>& words) {
     const std::string& subject = words[0];
     // Before the first thread: it forks.
     const auto socket = bench::MakeSocketPeer();
+    const auto pair = bench::MakeSdBusPairPeer();
     const tevrol::PrivateBus bus(subject == "scale" ? kRoomForMatchRules : "");
     const auto extent = words[1] == "quick" ? bench::Extent::Quick : bench::Extent::Full;
     if (subject == "requests") {
         bench::MeasureRequests(extent, *socket);
     } else if (subject == "notifications") {
         bench::MeasureNotifications(extent, *socket);
+    } else if (subject == "pairs") {
+        bench::MeasurePairs(extent, *pair);
+    } else if (subject == "pair-threads") {
+        bench::MeasurePairThreads(extent);
     } else if (subject == "handshake") {
         bench::MeasureHandshake(extent);
     } else if (subject == "threads") {
@@ -54,7 +61,7 @@ bool Measure(const std::vector<std::string>& words) {
     return true;
 }
 
-// Channels report at their end that their subscriptions stay, which they do by design.
+// The destructor of a channel causes GLib reports, by design.
 GLogWriterOutput DropGlibReports(GLogLevelFlags, const GLogField*, gsize, gpointer) {
     return G_LOG_WRITER_HANDLED;
 }

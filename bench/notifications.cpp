@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Bursts of notifications: how fast an end sends them, and how fast an end has handled them. A
 // request behind each burst tells when it has been handled: it is answered in turn.
 #include <vector>
@@ -9,24 +10,6 @@
 
 namespace bench {
 namespace {
-
-constexpr int kBurst = 100;
-
-// "time": until all are handled, for one notification; "sending": until the last is sent.
-Group::Body Bursts(Peer& peer, std::size_t size) {
-    return [&peer, payload = Payload(size)](benchmark::State& state) mutable {
-        Bytes barrier;
-        for (auto _ : state) {
-            const auto start = Clock::now();
-            for (int i = 0; i < kBurst; ++i) {
-                peer.Notify(payload);
-            }
-            state.counters["sending"] = SecondsSince(start) / kBurst;
-            peer.Request(barrier);
-            state.SetIterationTime(SecondsSince(start) / kBurst);
-        }
-    };
-}
 
 // The caller plays the partner of the service that is a channel: it announces the SYN, which binds
 // the channel to it.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // tevrol-bench-partners: the service ends of the named channels, joined and waiting, in a process
 // of their own. Commands on standard input: "open NAME" (announce the SYN), "leave NAME", "again
 // NAME" (leave and join).
@@ -6,7 +7,7 @@
 #include <iostream>
 #include <string>
 
-#include "partner/partner.h"
+#include "devkit/partner.h"
 
 namespace {
 

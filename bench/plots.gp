@@ -25,6 +25,15 @@ plot "serving-channel.dat" with linespoints lw 2 title "channel", \
      "serving-sdbus.dat" with linespoints title "sd-bus", \
      "serving-sdbuscpp.dat" with linespoints title "sdbus-c++"
 
+set output "pairs.svg"
+set title "Requests between two ends of the same kind"
+plot "pairs-either.dat" with linespoints lw 2 title "tevrol::Channel", \
+     "pairs-direct.dat" with linespoints lw 2 title "its direct link", \
+     "pairs-gdbus.dat" with linespoints title "GDBus", \
+     "pairs-sdbus.dat" with linespoints title "sd-bus", \
+     "pairs-sdbuscpp.dat" with linespoints title "sdbus-c++", \
+     "pairs-sdbuspair.dat" with linespoints title "sd-bus on a socket pair, no bus"
+
 unset logscale
 set logscale x
 set format x "%g"

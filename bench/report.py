@@ -14,6 +14,9 @@ NAMES = {
     "sdbus": "sd-bus",
     "sdbuscpp": "sdbus-c++",
     "socket": "socket pair",
+    "either": "tevrol::Channel",
+    "direct": "its direct link",
+    "sdbuspair": "sd-bus on a socket pair",
     "bare": "bare calls",
     "keeping": "GDBus that keeps its replies",
 }
@@ -72,18 +75,19 @@ def table(title, head, rows):
         print("| " + " | ".join("" if cell is None else str(cell) for cell in row) + " |")
 
 
-def ratio_table(figures, subject, title, contenders, text, metric="time"):
-    """Ratios to GDBus first, absolute figures of GDBus and the channel second."""
+def ratio_table(figures, subject, title, contenders, text, metric="time",
+                absolute=("gdbus", "channel"), x_name="payload", x_text=size_text):
+    """Ratios to the first of `absolute`, then the figures of these themselves."""
     if not figures.xs(subject, metric):
         return
-    head = ["payload"] + [NAMES[c] for c in contenders] + ["GDBus itself", "channel itself"]
+    head = [x_name] + [NAMES[c] for c in contenders] + [f"{NAMES[c]} itself" for c in absolute]
     rows = []
     for x in figures.xs(subject, metric):
-        row = [size_text(x)]
+        row = [x_text(x)]
         for contender in contenders:
-            ratio = figures.ratio(subject, contender, "gdbus", x, metric)
+            ratio = figures.ratio(subject, contender, absolute[0], x, metric)
             row.append(None if ratio is None else f"{ratio:.2f}" if ratio < 10 else f"{ratio:.0f}")
-        for contender in ("gdbus", "channel"):
+        for contender in absolute:
             value = figures.get(subject, contender, x, metric)
             row.append(None if value is None else text(value))
         rows.append(row)
@@ -114,6 +118,18 @@ def print_tables(figures):
     ratio_table(figures, "handling", "Notifications handled: time of each, times GDBus's",
                 serving, rate_text)
 
+    pairs = ["either", "direct", "sdbuspair", "sdbuscpp", "gdbus"]
+    both = ("sdbus", "direct")
+    ratio_table(figures, "pairs", "Both ends alike: time of a round trip, times sd-bus's",
+                pairs, time_text, absolute=both)
+    ratio_table(figures, "pair-notifications", "Both ends alike: time of a notification in the "
+                "sending call, times sd-bus's", pairs, rate_text, "sending", both)
+    ratio_table(figures, "pair-notifications", "Both ends alike: time of a notification sent and "
+                "handled, times sd-bus's", pairs, rate_text, "time", both)
+    ratio_table(figures, "pair-threads", "Many callers on one tevrol::Channel: time of a request, "
+                "times that of sd-bus with a connection for each", ["either", "direct"], rate_text,
+                "time", both, "threads", str)
+
     rows = []
     for subject, what in (("opening", "partner's SYN to ready"),
                           ("constructing", "construction to ready")):
@@ -137,16 +153,16 @@ def print_tables(figures):
     rows = []
     for x in figures.xs("memory", "peak"):
         row = [size_text(x)]
-        for contender in ("channel", "bulk", "gdbus"):
+        for contender in ("channel", "bulk", "gdbus", "either", "direct"):
             peak = figures.get("memory", contender, x, "peak")
             row.append(None if peak is None else f"{peak / x:.1f}")
         rows.append(row)
     table("Memory: peak of one request above the time before it, times the payload",
-          ["payload", NAMES["channel"], NAMES["bulk"], NAMES["gdbus"]], rows)
+          ["payload"] + [NAMES[c] for c in ("channel", "bulk", "gdbus", "either", "direct")], rows)
     table("Memory: heap kept by each request",
-          ["payload", NAMES["channel"], NAMES["bulk"], NAMES["keeping"]],
+          ["payload"] + [NAMES[c] for c in ("channel", "bulk", "keeping", "either", "direct")],
           [[size_text(x)] + [f"{figures.get('memory', c, x, 'growth'):.0f} B"
-                             for c in ("channel", "bulk", "keeping")]
+                             for c in ("channel", "bulk", "keeping", "either", "direct")]
            for x in figures.xs("memory", "growth")])
 
     if figures.xs("log"):
@@ -161,26 +177,24 @@ def print_tables(figures):
 
 
 def goals(figures):
-    """Each goal as text, limit, figure, met."""
+    """Each goal as text, limit, figure, met. The default conversion is one library call for each byte,
+    so the default build is held against GDBus byte by byte, and the bulk build against GDBus."""
     def at_most(text, limit, worst, note=size_text):
         if worst is not None:
             yield text, f"at most {limit:.2f}", f"{worst[0]:.3f} ({note(worst[1])})", worst[0] <= limit
 
     small = lambda x: x <= 64
-    yield from at_most("request of 16 B, over GDBus", 1.05,
-                       figures.worst("requests", "channel", "gdbus", lambda x: x == 16))
     for subject, what in (("requests", "request up to 64 B"), ("serving", "request up to 64 B served")):
-        for other in ("gdbus", "loop"):
-            yield from at_most(f"{what}, over {NAMES[other]}", 1.05,
-                               figures.worst(subject, "channel", other, small))
-    for subject, metric, what in (("notifying", "sending", "sent"),
-                                  ("notifying", "time", "sent and handled by the partner"),
-                                  ("handling", "time", "handled")):
-        for other in ("gdbus", "loop"):
-            worst = figures.worst(subject, "channel", other, small, metric)
+        yield from at_most(f"{what}, over {NAMES['loop']}", 1.05,
+                           figures.worst(subject, "channel", "loop", small))
+    for prefix, one, other in (("", "channel", "loop"), ("bulk: ", "bulk", "gdbus")):
+        for subject, metric, what in (("notifying", "sending", "sent"),
+                                      ("notifying", "time", "sent and handled by the partner"),
+                                      ("handling", "time", "handled")):
+            worst = figures.worst(subject, one, other, small, metric)
             if worst:
                 rate = 1 / worst[0]
-                yield (f"notifications up to 64 B {what}, rate over {NAMES[other]}",
+                yield (f"{prefix}notifications up to 64 B {what}, rate over {NAMES[other]}",
                        "at least 0.95", f"{rate:.3f} ({size_text(worst[1])})", rate >= 0.95)
     for subject, what in (("opening", "SYN to ready"), ("constructing", "construction to ready")):
         yield from at_most(f"handshake, {what}, over the bare calls", 1.10,
@@ -197,11 +211,6 @@ def goals(figures):
     middle = lambda x: 4 * KIB <= x <= 4 * MIB
     yield from at_most("request of 4 KiB to 4 MiB, processor time over that of the bare loop", 1.05,
                        figures.worst("requests", "channel", "loop", middle, "processor"))
-    base = figures.get("requests", "channel", 4 * KIB, "processor")
-    if base:
-        grown = max((figures.get("requests", "channel", x, "processor") / base / (x / (4 * KIB)), x)
-                    for x in figures.xs("requests") if middle(x) and x > 4 * KIB)
-        yield from at_most("processor time per byte up to 4 MiB, over that at 4 KiB", 1.10, grown)
     yield from at_most("bulk: request, over GDBus", 1.10,
                        figures.worst("requests", "bulk", "gdbus", lambda _: True))
     yield from at_most("bulk: request served, over GDBus", 1.10,
@@ -218,13 +227,60 @@ def goals(figures):
                  - figures.get("memory", "bulk", low, "peak")) / (high - low)
         yield from at_most(f"bulk: peak memory of a request, over the payload, from {size_text(low)}",
                            4.00, (grown, high))
+    yield from pair_goals(figures, at_most)
     for contender in ("channel", "bulk"):
         yield from at_most(f"{NAMES[contender]}: heap kept by a request, over a kept reply", 1.01,
                            figures.worst("memory", contender, "keeping", lambda _: True, "growth"))
 
 
+def pair_goals(figures, at_most):
+    """The goals of tevrol::Channel with itself."""
+    every, small, large = (lambda _: True), (lambda x: x <= 4 * KIB), (lambda x: x >= 64 * KIB)
+
+    def worst(one, other, accept, subject="pairs", metric="time"):
+        return figures.worst(subject, one, other, accept, metric)
+
+    channel, direct = NAMES["either"], "direct link"
+    yield from at_most(f"{channel}: request, over sd-bus", 1.10, worst("either", "sdbus", every))
+    yield from at_most(f"{channel}: request, over sdbus-c++", 1.00,
+                       worst("either", "sdbuscpp", every))
+    yield from at_most(f"{channel}: request up to 4 KiB, over GDBus", 0.75,
+                       worst("either", "gdbus", small))
+    yield from at_most(f"{direct}: request up to 4 KiB, over sd-bus", 0.45,
+                       worst("direct", "sdbus", small))
+    yield from at_most(f"{direct}: request from 64 KiB, over sd-bus", 0.60,
+                       worst("direct", "sdbus", large))
+    yield from at_most(f"{direct}: request, over {NAMES['sdbuspair']}", 1.25,
+                       worst("direct", "sdbuspair", every))
+    for metric, what in (("sending", "sent"), ("time", "sent and handled")):
+        yield from at_most(f"{channel}: notification {what}, over sd-bus", 1.00,
+                           worst("either", "sdbus", every, "pair-notifications", metric))
+    yield from at_most(f"{direct}: notification sent and handled, over sd-bus", 0.50,
+                       worst("direct", "sdbus", every, "pair-notifications"))
+    threads = lambda n: f"{n} threads"
+    yield from at_most(f"{channel}: request from 16 threads, over sd-bus with 16 connections", 1.00,
+                       worst("either", "sdbus", lambda n: n == 16, "pair-threads"), threads)
+    one, many = (figures.get("pair-threads", "direct", n) for n in (1, 16))
+    if one and many:
+        yield from at_most(f"{direct}: request from 16 threads, over one from one thread", 0.50,
+                           (many / one, 16), threads)
+    for contender in ("either", "direct"):
+        # A little comes with the first large message, whatever its size.
+        peaks = [(figures.get("memory", contender, x, "peak") / x, x)
+                 for x in figures.xs("memory", "peak") if x >= MIB]
+        if peaks:
+            yield from at_most(f"{NAMES[contender]}: peak memory of a request, over the payload",
+                               3.00, max(peaks))
+        growth = [(figures.get("memory", contender, x, "growth"), x)
+                  for x in figures.xs("memory", "growth")]
+        if growth:
+            yield from at_most(f"{NAMES[contender]}: heap kept by each request, bytes", 0.05,
+                               max(growth))
+
+
 def write_plot_data(figures, folder):
-    for subject, metric in (("requests", "time"), ("serving", "time"), ("notifying", "time")):
+    for subject, metric in (("requests", "time"), ("serving", "time"), ("notifying", "time"),
+                            ("pairs", "time")):
         contenders = sorted({c for s, m, c, _ in figures.medians if (s, m) == (subject, metric)})
         for contender in contenders:
             with open(os.path.join(folder, f"{subject}-{contender}.dat"), "w",

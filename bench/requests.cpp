@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Round trips of requests: asked by each peer of one partner, and answered by each service to one
 // caller.
 #include <vector>
@@ -9,20 +10,8 @@
 namespace bench {
 namespace {
 
-std::vector<std::size_t> Sizes(Extent extent) {
-    constexpr std::size_t kKiB = 1024;
-    if (extent == Extent::Quick) {
-        return {0, 16, 64, 4 * kKiB, 64 * kKiB};
-    }
-    std::vector<std::size_t> sizes = {0};
-    for (std::size_t size = 1; size <= 16 * kKiB * kKiB; size *= 4) {
-        sizes.push_back(size);
-    }
-    return sizes;
-}
-
-// The small payloads carry the tightest goal and cost little; a large one converted byte by byte
-// takes seconds.
+// Small payloads have the tightest goal and cost little. A large one converted byte by byte takes
+// seconds.
 int Rounds(Extent extent, std::size_t size, Conversion conversion) {
     const bool quick = extent == Extent::Quick;
     if (size <= 1024) {
@@ -40,7 +29,7 @@ int Rounds(Extent extent, std::size_t size, Conversion conversion) {
     return size <= 1048576 ? 90 : 45;
 }
 
-// Enough to forget what the contender before has left behind.
+// Enough requests to warm up after another contender.
 int Iterations(std::size_t size) {
     return size <= 16384 ? 4 : 1;
 }
@@ -55,8 +44,8 @@ void MeasureRequests(Extent extent, Peer& socket) {
     const auto loop = MakeGDBusPeer(channels.Partner(), Conversion::PerByte);
     const auto sdbus = MakeSdBusPeer(channels.Partner());
     const auto sdbuscpp = MakeSdbusCppPeer(channels.Partner());
-    for (const std::size_t size : Sizes(extent)) {
-        // What is compared shares a group: where the loop over the bytes rules, that is the loop.
+    for (const std::size_t size : PayloadSizes(extent)) {
+        // Contenders that are compared share a group.
         Group bulk("requests", size);
         Group per_byte("requests", size);
         Group& with_channel = size <= kSmall ? bulk : per_byte;
@@ -72,7 +61,7 @@ void MeasureRequests(Extent extent, Peer& socket) {
     }
 
     const auto services = StartServices();
-    for (const std::size_t size : Sizes(extent)) {
+    for (const std::size_t size : PayloadSizes(extent)) {
         Group bulk("serving", size);
         Group per_byte("serving", size);
         for (const CalledService& one : services) {

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Many channels in one process, each with its partner, and many callers on one channel.
 #include <algorithm>
 #include <thread>
@@ -54,7 +55,7 @@ void MeasureScale(std::size_t count, int round) {
     for (std::size_t i = 0; i < count; ++i) {
         names.push_back("scale" + std::to_string(i));
     }
-    // One channel before, so that what the first one in a process costs is not counted.
+    // The first channel of a process costs more. It is not counted.
     BoundChannels first("first", {MakeChannel});
     Bytes payload = Payload(kSize);
     first[0].Request(payload);

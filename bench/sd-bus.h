@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The one sd-bus connection of this process: that of the sd-bus peer, and of the caller under which
 // all services are measured.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The peer written on sdbus-c++, with its convenience calls.
 #include <sdbus-c++/sdbus-c++.h>
 

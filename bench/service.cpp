@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // tevrol-bench-service: the echo service of one kind, as a process of its own.
 #include <glib.h>
 
@@ -34,6 +35,8 @@ bool Serve(const std::string& kind, const std::string& caller) {
         bench::ServeSdBus(kind, caller, PrintReady);
     } else if (kind == "sdbuscpp") {
         bench::ServeSdbusCpp(kind, caller, PrintReady);
+    } else if (kind == "either" || kind == "direct") {
+        bench::ServeEitherEnd(kind, kind == "direct", PrintReady);
     } else {
         return false;
     }
@@ -47,7 +50,9 @@ int main(int argc, char** argv) {
         if (argc == 3 && Serve(argv[1], argv[2])) {
             return 0;
         }
-        std::cerr << "Usage: tevrol-bench-service channel|bulk|gdbus|loop|sdbus|sdbuscpp CALLER\n";
+        std::cerr
+            << "Usage: tevrol-bench-service channel|bulk|gdbus|loop|sdbus|sdbuscpp|either|direct "
+               "CALLER\n";
     } catch (const std::exception& failure) {
         std::cerr << "tevrol-bench-service: " << failure.what() << '\n';
     }

@@ -1,4 +1,5 @@
-// The floor: two processes and a socket pair, no bus.
+// SPDX-License-Identifier: MIT
+// The lower bound: two processes and a socket pair, without a bus.
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <unistd.h>

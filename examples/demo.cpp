@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // tevrol-demo: an application built on the channel and its partner, a process of its own, find each
 // other on a private bus and talk. Tells what happens as it happens, and checks it.
 #include <gio/gio.h>
@@ -15,11 +16,11 @@
 #include <string>
 #include <vector>
 
-#include "partner/payload.h"
-#include "tools/colour.h"
-#include "tools/loop.h"
-#include "tools/partner-process.h"
-#include "tools/private-bus.h"
+#include "devkit/colour.h"
+#include "devkit/loop.h"
+#include "devkit/partner-process.h"
+#include "devkit/payload.h"
+#include "devkit/private-bus.h"
 
 namespace {
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A complete application: one end of the channel "demo". It answers every request with the bytes
 // in reverse and greets the partner when it appears.
 #include <ipc/tevrol-dbus-remote.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A complete application with a thread of its own that sends: it reports to the partner every
 // second and waits for the answer there, while the loop goes on. Shuts down in order on SIGINT or
 // SIGTERM.

@@ -1,12 +1,14 @@
 #!/bin/sh
 # What CI checks beyond the tests: formatting, shellcheck, clang-tidy, the shared build with the other
 # payload conversion, sanitizers, valgrind, mutants, coverage, instructions, fuzzing and a soak.
-# scripts/check-long.sh has more of the same. Installs what is missing.
-set -eu
-cd "$(dirname "$0")/.."
+# scripts/check-long.sh has more of the same. Installs what is missing. What the steps have measured
+# is in build/ci/figures.md and printed at the end.
+cd "$(dirname "$0")/.." || exit
+. scripts/lib/command.sh
+. scripts/lib/steps.sh
+. scripts/lib/checks.sh
 
-. scripts/checks.sh
-
+export CI="${CI:-true}"
 sources() { git ls-files -- '*.cpp' '*.h'; }
 
 step "clang-format"
@@ -31,37 +33,34 @@ step "clang-tidy, and with it clang++'s warnings"
 git ls-files -- '*.cpp' | grep -v '^tests/' | tidy
 
 step "the channel and the library: shared, optimised, payloads converted in one copy"
-cmake --preset bulk -DCMAKE_COMPILE_WARNING_AS_ERROR=ON
-cmake --build --preset bulk --target unit-tests library-tests development-tests
-ctest --preset bulk -L 'unit|library'
+build bulk unit-tests library-tests devkit-tests partner-program-tests
+run_tests --preset bulk -L 'unit|library'
 
 step "AddressSanitizer, LeakSanitizer, UndefinedBehaviorSanitizer"
-cmake --preset asan
-cmake --build --preset asan
-ctest --preset asan -LE once
+build asan
+run_tests --preset asan -LE once
 
 step "ThreadSanitizer"
-cmake --preset tsan
-cmake --build --preset tsan
-ctest --preset tsan -LE once
+build tsan
+run_tests --preset tsan -LE once
 
 step "every suppression is needed"
-scripts/check-suppressions.sh
+scripts/lib/suppressions.sh
 
 step "valgrind over the conformance tests"
 scripts/valgrind.sh conformance
 
 step "the conformance tests notice every change of the channel"
-scripts/mutate.sh
+scripts/mutate.sh channel
 
 step "coverage of src"
 scripts/coverage.sh
 
 step "instructions of a request"
-scripts/check-instructions.sh
+scripts/bench.sh --instructions
 
 step "fuzzing, briefly"
-scripts/fuzz.sh 20
+scripts/fuzz.sh 10
 
 step "the channel under load"
 scripts/soak.sh 15

@@ -1,12 +1,11 @@
 #!/bin/sh
-# Changes the sources of the channel and its lock in every way that matters and shows which test
-# notices each change. Installs what is missing.
-set -eu
-cd "$(dirname "$0")/.."
+# Changes the sources in every way that matters, one at a time, and shows which test notices each change.
+# Installs what is missing. tests/mutants/README.md has the lists and their format.
+#
+#   scripts/mutate.sh [SUBJECT...]           a subject is a list in tests/mutants; without one, all
+#   scripts/mutate.sh --all-but SUBJECT...
+cd "$(dirname "$0")/.." || exit
+. scripts/lib/command.sh
 
-# shellcheck disable=SC2046 # words on purpose
-scripts/install-packages.sh $(cat scripts/build-packages.txt) libgmock-dev libgtest-dev python3
-
-cmake --preset dev >/dev/null
-cmake --build --preset dev --target conformance-tests unit-tests
-python3 scripts/mutate.py
+install_packages @build @tests @started-by-tests clang
+python3 tests/mutants/mutate.py "$@"

@@ -4,33 +4,31 @@
 #
 #   scripts/valgrind.sh [conformance] [unit]
 #
-# The conformance tests run in one process, the unit tests in one each. Without an argument: both.
-set -eu
-cd "$(dirname "$0")/.."
+# The conformance tests run in two processes, the unit tests in one each. Without an argument: both.
+cd "$(dirname "$0")/.." || exit
+. scripts/lib/command.sh
 
 if [ $# -eq 0 ]; then set -- conformance unit; fi
-
-# shellcheck disable=SC2046 # words on purpose
-scripts/install-packages.sh $(cat scripts/build-packages.txt) libgmock-dev libgtest-dev valgrind
-cmake --preset dev >/dev/null
-
-folder=$(mktemp -d)
-trap 'rm -rf "$folder"' EXIT
+install_packages @build @tests valgrind
+make_temporary_folder
 
 for part in "$@"; do
   case $part in
     conformance)
-      cmake --build --preset dev --target conformance-tests
-      echo "conformance/conformance-tests *" >>"$folder/runs"
+      build dev conformance-tests
+      # Those in which every call fails sum up at the end, so they stay together.
+      for tests in '*FailEveryCall*' '-*FailEveryCall*'; do
+        echo "conformance/conformance-tests $tests" >>"$folder/runs"
+      done
       ;;
     unit)
-      cmake --build --preset dev --target unit-tests
-      build/dev/tests/unit-tests --gtest_list_tests |
-        awk '/^[^ ].*\./ { suite = $1 } /^  / { print "unit-tests", suite $1 }' >>"$folder/runs"
+      build dev unit-tests
+      build/dev/tests/remote/unit-tests --gtest_list_tests |
+        awk '/^[^ ].*\./ { suite = $1 } /^  / { print "remote/unit-tests", suite $1 }' >>"$folder/runs"
       ;;
-    *) sed -n '5p' "$0" >&2; exit 2 ;;
+    *) wrong_usage ;;
   esac
 done
 
-xargs -a "$folder/runs" -P 2 -L 1 scripts/memcheck.sh >"$folder/passed"
-echo "valgrind: $(awk '{ tests += $1 } END { print tests }' "$folder/passed") tests, no errors"
+xargs -a "$folder/runs" -P 2 -L 1 scripts/lib/memcheck.sh >"$folder/passed"
+figure "$(awk '{ tests += $1 } END { print tests }' "$folder/passed") tests without errors"

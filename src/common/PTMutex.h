@@ -1,10 +1,11 @@
-// The project's mutex and scoped lock: one POSIX mutex, and its hold for the length of a scope.
+// SPDX-License-Identifier: MIT
+// The project's mutex and scoped lock, on one POSIX mutex.
 #pragma once
 
 #include <pthread.h>
 
-// One POSIX mutex with default attributes, and nothing else: it is not recursive. Errors of the
-// underlying calls are not reported; with default attributes and correct use there are none.
+// One POSIX mutex with default attributes; not recursive. Errors of the underlying calls are not
+// reported: with default attributes and correct use there are none.
 class PTMutex {
 public:
     PTMutex();
@@ -13,8 +14,8 @@ public:
     PTMutex(const PTMutex&) = delete;
     PTMutex& operator=(const PTMutex&) = delete;
 
-    // Blocks until the calling thread holds the mutex. Calling it again from the thread that holds
-    // the mutex never returns.
+    // Blocks until the calling thread holds the mutex. In the thread that already holds it, the
+    // call never returns.
     void Lock() const;
     // Takes the mutex if it is free and returns true; otherwise returns false at once.
     bool TryLock() const;
@@ -22,12 +23,12 @@ public:
     void Unlock() const;
 
 private:
-    // Mutable, so that a reference to a const mutex is enough to release it (PTAutoLock).
+    // Mutable, so that PTAutoLock can release it through a reference to a const mutex.
     mutable pthread_mutex_t m_mutex;
 };
 
-// Holds a PTMutex from construction to the end of the scope, however the scope is left. It owns
-// nothing: the mutex must outlive it.
+// Holds a PTMutex from construction to the end of the scope, however the scope is left. The mutex
+// must outlive it.
 class PTAutoLock {
 public:
     explicit PTAutoLock(PTMutex& mutex);

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "ipc/tevrol-dbus-remote.h"
 
 #include <unistd.h>
@@ -39,12 +40,14 @@ constexpr const char* kSourceFile = BaseName(__FILE__);
 
 }  // namespace
 
-// The leading arguments of __dlog_print for one log line: `message` (a literal) behind the prefix
-// that every line carries, which names `function` as the place. A macro, so that the compiler
-// checks the message against the arguments that follow it.
+// The first arguments of __dlog_print for one log line: `message` (a literal) behind the prefix
+// that every line carries, which names `function` as the place. Macros, so that the compiler checks
+// the message against the arguments that follow it.
 #define LOG_LINE(priority, function, message)                                               \
     LOG_ID_MAIN, priority, kLogTag, "%s: %s(%d) > [%s:%d] " message, kSourceFile, function, \
         __LINE__, function, __LINE__
+#define DEBUG_LINE(function, message) LOG_LINE(DLOG_DEBUG, function, message)
+#define ERROR_LINE(function, message) LOG_LINE(DLOG_ERROR, function, message)
 
 const gchar* const TevrolDbusRemote::INTERFACE_XML =
     "<node>"
@@ -76,7 +79,7 @@ bool HasType(GVariant* value, const char* type, const char* function) {
     if (g_variant_is_of_type(value, G_VARIANT_TYPE(type))) {
         return true;
     }
-    __dlog_print(LOG_LINE(DLOG_ERROR, function, "Unexpected type %s instead of %s\n\n"),
+    __dlog_print(ERROR_LINE(function, "Unexpected type %s instead of %s\n\n"),
                  g_variant_get_type_string(value), type);
     return false;
 }
@@ -94,22 +97,21 @@ void PrintBytes(const std::vector<char>& bytes) {
 // ---- Construction and teardown ----
 
 TevrolDbusRemote::TevrolDbusRemote(std::string name) : m_name(std::move(name)) {
-    __dlog_print(LOG_LINE(DLOG_DEBUG, __func__, "Constructor\n\n"));
+    __dlog_print(DEBUG_LINE(__func__, "Constructor\n\n"));
     G_GNUC_BEGIN_IGNORE_DEPRECATIONS
     g_type_init();  // without effect since GLib 2.36
     G_GNUC_END_IGNORE_DEPRECATIONS
 
     m_introspection_data = g_dbus_node_info_new_for_xml(INTERFACE_XML, nullptr);
-    __dlog_print(LOG_LINE(DLOG_DEBUG, __func__, "XML parsed\n\n"));
+    __dlog_print(DEBUG_LINE(__func__, "XML parsed\n\n"));
     m_object_name = std::string(TEVROL_DBUS_OBJ_NAME) + "/" + m_name;
 
-    __dlog_print(LOG_LINE(DLOG_DEBUG, __func__, "Getting connection to SYSTEM_BUS\n\n"));
+    __dlog_print(DEBUG_LINE(__func__, "Getting connection to SYSTEM_BUS\n\n"));
     GError* error = nullptr;
     m_connection = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, &error);
     if (error != nullptr) {
-        __dlog_print(
-            LOG_LINE(DLOG_ERROR, __func__, "Error while connecting to system bus [%d] %s\n\n"),
-            error->code, error->message);
+        __dlog_print(ERROR_LINE(__func__, "Error while connecting to system bus [%d] %s\n\n"),
+                     error->code, error->message);
         g_error_free(error);
         return;
     }
@@ -118,9 +120,9 @@ TevrolDbusRemote::TevrolDbusRemote(std::string name) : m_name(std::move(name)) {
     }
 
     m_public_dbus_name = g_dbus_connection_get_unique_name(m_connection);
-    __dlog_print(LOG_LINE(DLOG_DEBUG, __func__, "Working with unique name %s\n\n"),
+    __dlog_print(DEBUG_LINE(__func__, "Working with unique name %s\n\n"),
                  m_public_dbus_name.c_str());
-    __dlog_print(LOG_LINE(DLOG_DEBUG, __func__, "Registering Object and Interface on path %s\n\n"),
+    __dlog_print(DEBUG_LINE(__func__, "Registering Object and Interface on path %s\n\n"),
                  m_object_name.c_str());
     m_reg_obj_id = g_dbus_connection_register_object(m_connection, m_object_name.c_str(),
                                                      m_introspection_data->interfaces[0], &m_vtable,
@@ -128,16 +130,15 @@ TevrolDbusRemote::TevrolDbusRemote(std::string name) : m_name(std::move(name)) {
     // Unlike a missing connection, this does not end construction, deliberately: the channel still
     // finds its partner and can send, but nobody can send it a request.
     if (error != nullptr) {
-        __dlog_print(LOG_LINE(DLOG_ERROR, __func__, "Error while registering object [%d] %s\n\n"),
+        __dlog_print(ERROR_LINE(__func__, "Error while registering object [%d] %s\n\n"),
                      error->code, error->message);
         g_error_free(error);
         error = nullptr;
     }
 
     const std::string base = std::string(TEVROL_DBUS_PREFIX) + "." + m_name;
-    __dlog_print(
-        LOG_LINE(DLOG_DEBUG, __func__, "Monitoring %s name waiting for communication partner\n\n"),
-        base.c_str());
+    __dlog_print(DEBUG_LINE(__func__, "Monitoring %s name waiting for communication partner\n\n"),
+                 base.c_str());
     const auto subscribe = [&](const char* stage_suffix, GDBusSignalCallback callback) {
         return g_dbus_connection_signal_subscribe(
             m_connection, kBusDriverName, kBusDriverInterface, "NameOwnerChanged", kBusDriverPath,
@@ -148,7 +149,7 @@ TevrolDbusRemote::TevrolDbusRemote(std::string name) : m_name(std::move(name)) {
     m_notification_watch_syn_ack = subscribe(TEVROL_DBUS_SYNACK_SUFFIX, cb_SynAckNameOwnerChanged);
     m_notification_watch_ack = subscribe(TEVROL_DBUS_ACK_SUFFIX, cb_AckNameOwnerChanged);
 
-    __dlog_print(LOG_LINE(DLOG_DEBUG, __func__, "Notify others using name %s\n\n"), base.c_str());
+    __dlog_print(DEBUG_LINE(__func__, "Notify others using name %s\n\n"), base.c_str());
     m_handshake = CONNECTION_HANDSHAKE_SYN;
     // Announced once. A failure is not repeated, deliberately: a partner that starts later
     // announces itself and is answered.
@@ -210,7 +211,7 @@ TevrolDbusRemote::~TevrolDbusRemote() {
 // ---- Handshake ----
 
 bool TevrolDbusRemote::BroadcastName(std::string& notification_name) {
-    __dlog_print(LOG_LINE(DLOG_DEBUG, __func__, "BroadcastName %s Public unique name %s\n\n"),
+    __dlog_print(DEBUG_LINE(__func__, "BroadcastName %s Public unique name %s\n\n"),
                  notification_name.c_str(), m_public_dbus_name.c_str());
     GError* error = nullptr;
     guint32 ret_code = 0;
@@ -219,31 +220,30 @@ bool TevrolDbusRemote::BroadcastName(std::string& notification_name) {
         g_variant_new("(su)", notification_name.c_str(), kDoNotQueue), G_VARIANT_TYPE("(u)"),
         G_DBUS_CALL_FLAGS_NONE, kDefaultTimeout, nullptr, &error);
     if (error != nullptr) {
-        __dlog_print(LOG_LINE(DLOG_ERROR, __func__, "Error during request name call [%d] %s\n\n"),
+        __dlog_print(ERROR_LINE(__func__, "Error during request name call [%d] %s\n\n"),
                      error->code, error->message);
         g_error_free(error);
         error = nullptr;
     }
     if (reply == nullptr) {
-        __dlog_print(LOG_LINE(DLOG_ERROR, __func__, "Cannot get response for name request\n\n"));
+        __dlog_print(ERROR_LINE(__func__, "Cannot get response for name request\n\n"));
         return false;
     }
     g_variant_get(reply, "(u)", &ret_code);
     g_variant_unref(reply);
     if (ret_code != kPrimaryOwner) {
-        __dlog_print(LOG_LINE(DLOG_ERROR, __func__, "Cannot own name due to return code = %d\n\n"),
+        __dlog_print(ERROR_LINE(__func__, "Cannot own name due to return code = %d\n\n"),
                      static_cast<int>(ret_code));
         return false;
     }
-    __dlog_print(
-        LOG_LINE(DLOG_DEBUG, __func__, "Become primary owner for name. Releasing it.\n\n"));
+    __dlog_print(DEBUG_LINE(__func__, "Become primary owner for name. Releasing it.\n\n"));
     reply = g_dbus_connection_call_sync(
         m_connection, kBusDriverName, kBusDriverPath, kBusDriverInterface, "ReleaseName",
         g_variant_new("(s)", notification_name.c_str()), G_VARIANT_TYPE("(u)"),
         G_DBUS_CALL_FLAGS_NONE, kDefaultTimeout, nullptr, &error);
     if (reply == nullptr) {
         g_clear_error(&error);  // deliberately neither logged nor inspected
-        __dlog_print(LOG_LINE(DLOG_ERROR, __func__, "Release failed due to empty response.\n\n"));
+        __dlog_print(ERROR_LINE(__func__, "Release failed due to empty response.\n\n"));
         return false;
     }
     g_variant_unref(reply);  // any answer counts as released, whatever its code
@@ -255,17 +255,16 @@ bool TevrolDbusRemote::BroadcastName(std::string& notification_name) {
 class TevrolDbusRemote::Stage {
 public:
     Stage(const char* callback, GDBusConnection* connection, TevrolDbusRemote* channel)
-        : m_callback(callback), m_connection(connection), pThis(channel) {}
+        : m_callback(callback), m_connection(connection), m_channel(channel) {}
 
     // Reads one NameOwnerChanged and, when it is another process's release of the name, calls
     // `accept` with that process's unique name. m_mutex is held from the reading on, in `accept`
     // too.
     template <typename Accept>
     void OnRelease(GVariant* parameters, Accept accept) const {
-        __dlog_print(LOG_LINE(DLOG_DEBUG, m_callback, "%s called\n"), m_callback);
-        if (m_connection == nullptr || pThis == nullptr) {
-            __dlog_print(
-                LOG_LINE(DLOG_ERROR, m_callback, "Empty user_data or connection not valid.\n\n"));
+        __dlog_print(DEBUG_LINE(m_callback, "%s called\n"), m_callback);
+        if (m_connection == nullptr || m_channel == nullptr) {
+            __dlog_print(ERROR_LINE(m_callback, "Empty user_data or connection not valid.\n\n"));
             return;
         }
         if (!HasType(parameters, "(sss)", m_callback)) {
@@ -275,12 +274,12 @@ public:
         const gchar* old_owner = nullptr;
         const gchar* new_owner = nullptr;
         g_variant_get(parameters, "(&s&s&s)", &name, &old_owner, &new_owner);
-        const PTAutoLock lock_scope(pThis->m_mutex);
-        __dlog_print(LOG_LINE(DLOG_DEBUG, m_callback, "%s %s %s from '%s' => '%s' \n\n"),
-                     m_callback, name, pThis->m_public_dbus_name.c_str(), old_owner, new_owner);
+        const PTAutoLock lock_scope(m_channel->m_mutex);
+        __dlog_print(DEBUG_LINE(m_callback, "%s %s %s from '%s' => '%s' \n\n"), m_callback, name,
+                     m_channel->m_public_dbus_name.c_str(), old_owner, new_owner);
         const std::string oldOwner = old_owner;
         const std::string newOwner = new_owner;
-        if (!newOwner.empty() || pThis->m_public_dbus_name == oldOwner) {
+        if (!newOwner.empty() || m_channel->m_public_dbus_name == oldOwner) {
             return;
         }
         accept(oldOwner);
@@ -290,7 +289,7 @@ public:
     // that one is neither replaced nor answered again. True when the announcement was made; one
     // that failed is left to the resend thread.
     bool BindAndAnnounce(const std::string& partner, const char* suffix) const {
-        if (pThis->m_proxy_watch != 0 || pThis->m_signal_id != 0) {
+        if (m_channel->m_proxy_watch != 0 || m_channel->m_signal_id != 0) {
             return false;
         }
         Bind(partner);
@@ -310,70 +309,68 @@ private:
     // Makes the process `partner` the bound one, whatever of it can be made: the watch goes first,
     // so that a partner that is already gone is reported lost as soon as the loop runs.
     void Bind(const std::string& partner) const {
-        __dlog_print(LOG_LINE(DLOG_DEBUG, m_callback, "Monitor unique name %s\n\n"),
-                     partner.c_str());
-        pThis->m_proxy_watch = g_bus_watch_name_on_connection(
+        __dlog_print(DEBUG_LINE(m_callback, "Monitor unique name %s\n\n"), partner.c_str());
+        m_channel->m_proxy_watch = g_bus_watch_name_on_connection(
             m_connection, partner.c_str(), G_BUS_NAME_WATCHER_FLAGS_NONE, nullptr,
-            cb_PartnerNameVanished, pThis, nullptr);
-        __dlog_print(
-            LOG_LINE(DLOG_DEBUG, m_callback, "Partner is available and has unique name %s\n\n"),
-            partner.c_str());
-        pThis->m_partner_dbus_name = partner;
-        __dlog_print(LOG_LINE(DLOG_DEBUG, m_callback, "Create proxy for %s on obj %s\n\n"),
-                     pThis->m_partner_dbus_name.c_str(), pThis->m_object_name.c_str());
+            cb_PartnerNameVanished, m_channel, nullptr);
+        __dlog_print(DEBUG_LINE(m_callback, "Partner is available and has unique name %s\n\n"),
+                     partner.c_str());
+        m_channel->m_partner_dbus_name = partner;
+        __dlog_print(DEBUG_LINE(m_callback, "Create proxy for %s on obj %s\n\n"),
+                     m_channel->m_partner_dbus_name.c_str(), m_channel->m_object_name.c_str());
         GError* error = nullptr;
-        pThis->m_proxy =
-            g_dbus_proxy_new_sync(m_connection, G_DBUS_PROXY_FLAGS_DO_NOT_LOAD_PROPERTIES, nullptr,
-                                  pThis->m_partner_dbus_name.c_str(), pThis->m_object_name.c_str(),
-                                  TEVROL_DBUS_OBJ_IFACE, nullptr, &error);
+        m_channel->m_proxy = g_dbus_proxy_new_sync(
+            m_connection, G_DBUS_PROXY_FLAGS_DO_NOT_LOAD_PROPERTIES, nullptr,
+            m_channel->m_partner_dbus_name.c_str(), m_channel->m_object_name.c_str(),
+            TEVROL_DBUS_OBJ_IFACE, nullptr, &error);
         if (error != nullptr) {
-            __dlog_print(LOG_LINE(DLOG_ERROR, m_callback, "Error while registering proxy  %s\n\n"),
+            __dlog_print(ERROR_LINE(m_callback, "Error while registering proxy  %s\n\n"),
                          error->message);
             g_error_free(error);
         }
-        __dlog_print(
-            LOG_LINE(DLOG_DEBUG, m_callback, "Subscribe for signals from %s on object %s.\n\n"),
-            pThis->m_partner_dbus_name.c_str(), pThis->m_object_name.c_str());
-        pThis->m_signal_id = g_dbus_connection_signal_subscribe(
-            m_connection, pThis->m_partner_dbus_name.c_str(), TEVROL_DBUS_OBJ_IFACE, nullptr,
-            pThis->m_object_name.c_str(), nullptr, G_DBUS_SIGNAL_FLAGS_NONE, cb_SignalCall, pThis,
-            nullptr);
+        __dlog_print(DEBUG_LINE(m_callback, "Subscribe for signals from %s on object %s.\n\n"),
+                     m_channel->m_partner_dbus_name.c_str(), m_channel->m_object_name.c_str());
+        m_channel->m_signal_id = g_dbus_connection_signal_subscribe(
+            m_connection, m_channel->m_partner_dbus_name.c_str(), TEVROL_DBUS_OBJ_IFACE, nullptr,
+            m_channel->m_object_name.c_str(), nullptr, G_DBUS_SIGNAL_FLAGS_NONE, cb_SignalCall,
+            m_channel, nullptr);
     }
 
     bool Announce(const char* suffix) const {
-        std::string notification_name = AnnouncedName(*pThis, suffix);
-        const bool result = pThis->BroadcastName(notification_name);
+        std::string notification_name = AnnouncedName(*m_channel, suffix);
+        const bool result = m_channel->BroadcastName(notification_name);
         if (result) {
-            __dlog_print(LOG_LINE(DLOG_DEBUG, m_callback, "Successfully broadcasted: %s\n"),
+            __dlog_print(DEBUG_LINE(m_callback, "Successfully broadcasted: %s\n"),
                          notification_name.c_str());
         } else {
-            __dlog_print(
-                LOG_LINE(DLOG_DEBUG, m_callback, "Failed to broadcast: %s. Requested resend\n"),
-                notification_name.c_str());
+            __dlog_print(DEBUG_LINE(m_callback, "Failed to broadcast: %s. Requested resend\n"),
+                         notification_name.c_str());
             RequestResend(suffix);
         }
         return result;
     }
 
     void RequestResend(const char* suffix) const {
-        pThis->m_resendHandshake[pThis->m_partner_dbus_name] = suffix;
+        m_channel->m_resendHandshake[m_channel->m_partner_dbus_name] = suffix;
         // A recorded thread takes the entry on its next pass. If it has just made its last one, the
         // entry waits for the next failed announcement, or for teardown.
-        if (pThis->m_timerThread != 0) {
+        if (m_channel->m_timerThread != 0) {
             return;
         }
-        __dlog_print(LOG_LINE(DLOG_DEBUG, m_callback,
-                              "Creating timer that will execute OnResendHandshake()\n"));
+        __dlog_print(
+            DEBUG_LINE(m_callback, "Creating timer that will execute OnResendHandshake()\n"));
+        // When this fails, m_timerThread deliberately keeps what pthread_create left in it. glibc
+        // stores the handle before it starts the thread. So a thread that does not exist may stay
+        // recorded: no later failure starts one, and the destructor joins that handle.
         const bool created =
-            pthread_create(&pThis->m_timerThread, nullptr, TimerThread, pThis) == 0;
+            pthread_create(&m_channel->m_timerThread, nullptr, TimerThread, m_channel) == 0;
         // The flag, deliberately, not the return code.
-        __dlog_print(LOG_LINE(DLOG_DEBUG, m_callback, "Timer thread create status: %d\n"),
-                     created ? 1 : 0);
+        __dlog_print(DEBUG_LINE(m_callback, "Timer thread create status: %d\n"), created ? 1 : 0);
     }
 
     const char* const m_callback;
     GDBusConnection* const m_connection;  // the one on which the signal arrived
-    TevrolDbusRemote* const pThis;
+    TevrolDbusRemote* const m_channel;
 };
 
 void TevrolDbusRemote::cb_SynNameOwnerChanged(GDBusConnection* connection, const gchar*,
@@ -419,11 +416,10 @@ void TevrolDbusRemote::cb_AckNameOwnerChanged(GDBusConnection* connection, const
 
 void TevrolDbusRemote::cb_PartnerNameVanished(GDBusConnection* connection, const gchar* name,
                                               gpointer user_data) {
-    __dlog_print(LOG_LINE(DLOG_DEBUG, __func__, "cb_PartnerNameVanished name=%s\n\n"), name);
+    __dlog_print(DEBUG_LINE(__func__, "cb_PartnerNameVanished name=%s\n\n"), name);
     // The bus itself going away arrives here without a connection: no loss is reported then.
     if (connection == nullptr || user_data == nullptr) {
-        __dlog_print(
-            LOG_LINE(DLOG_ERROR, __func__, "Empty user_data or connection not valid.\n\n"));
+        __dlog_print(ERROR_LINE(__func__, "Empty user_data or connection not valid.\n\n"));
         return;
     }
     auto* pThis = static_cast<TevrolDbusRemote*>(user_data);
@@ -431,12 +427,12 @@ void TevrolDbusRemote::cb_PartnerNameVanished(GDBusConnection* connection, const
     if (pThis->m_partner_dbus_name != name) {
         return;
     }
-    __dlog_print(LOG_LINE(DLOG_DEBUG, __func__, "Connection lost with partner id=%s\n\n"), name);
+    __dlog_print(DEBUG_LINE(__func__, "Connection lost with partner id=%s\n\n"), name);
     pThis->m_partner_dbus_name.clear();
     // Told before the binding is released: IsConnectionReady still gives its old answer.
     pThis->HandleConnectionReady(false, name);
     if (pThis->m_proxy_watch != 0) {
-        __dlog_print(LOG_LINE(DLOG_DEBUG, __func__, "Stop watching old partner messages.\n\n"));
+        __dlog_print(DEBUG_LINE(__func__, "Stop watching old partner messages.\n\n"));
         g_bus_unwatch_name(pThis->m_proxy_watch);
         pThis->m_proxy_watch = 0;
     }
@@ -457,7 +453,7 @@ bool TevrolDbusRemote::IsConnectionReady() {
 }
 
 void TevrolDbusRemote::HandleConnectionReady(bool state, const std::string& /*partner*/) {
-    __dlog_print(LOG_LINE(DLOG_DEBUG, __func__, "Default handler - HandleConnectionReady = %d\n\n"),
+    __dlog_print(DEBUG_LINE(__func__, "Default handler - HandleConnectionReady = %d\n\n"),
                  state ? 1 : 0);
 }
 
@@ -465,22 +461,21 @@ void TevrolDbusRemote::HandleConnectionReady(bool state, const std::string& /*pa
 
 guint8 TevrolDbusRemote::OnResendHandshake(void* data) {
     auto* pThis = static_cast<TevrolDbusRemote*>(data);
-    __dlog_print(LOG_LINE(DLOG_DEBUG, __func__, "Executed OnResendHandshake function\n"));
+    __dlog_print(DEBUG_LINE(__func__, "Executed OnResendHandshake function\n"));
     const PTAutoLock lock_scope(pThis->m_mutex);
-    __dlog_print(LOG_LINE(DLOG_DEBUG, __func__, "Number of handshakes to resend: %d\n"),
+    __dlog_print(DEBUG_LINE(__func__, "Number of handshakes to resend: %d\n"),
                  static_cast<int>(pThis->m_resendHandshake.size()));
     std::map<std::string, std::string> modifiedResend;
     for (auto itr = pThis->m_resendHandshake.begin(); itr != pThis->m_resendHandshake.end();
          ++itr) {
         const std::string partnerName = itr->first;
         const std::string handshakeSuffix = itr->second;
-        __dlog_print(
-            LOG_LINE(DLOG_DEBUG, __func__, "Resending handshake: partner %s, handshakeSuffix %s\n"),
-            partnerName.c_str(), handshakeSuffix.c_str());
+        __dlog_print(DEBUG_LINE(__func__, "Resending handshake: partner %s, handshakeSuffix %s\n"),
+                     partnerName.c_str(), handshakeSuffix.c_str());
         if (partnerName != pThis->m_partner_dbus_name) {
-            __dlog_print(LOG_LINE(DLOG_DEBUG, __func__,
-                                  "Partner name: %s different then resend partner name: %s\n"),
-                         pThis->m_partner_dbus_name.c_str(), partnerName.c_str());
+            __dlog_print(
+                DEBUG_LINE(__func__, "Partner name: %s different then resend partner name: %s\n"),
+                pThis->m_partner_dbus_name.c_str(), partnerName.c_str());
             continue;
         }
         const bool completes = handshakeSuffix == TEVROL_DBUS_ACK_SUFFIX;
@@ -489,13 +484,12 @@ guint8 TevrolDbusRemote::OnResendHandshake(void* data) {
         }
         std::string notification_name = Stage::AnnouncedName(*pThis, handshakeSuffix.c_str());
         if (!pThis->BroadcastName(notification_name)) {
-            __dlog_print(
-                LOG_LINE(DLOG_DEBUG, __func__, "Failed to broadcasted: %s. Will try once again\n"),
-                notification_name.c_str());
+            __dlog_print(DEBUG_LINE(__func__, "Failed to broadcasted: %s. Will try once again\n"),
+                         notification_name.c_str());
             modifiedResend[partnerName] = handshakeSuffix;
             continue;
         }
-        __dlog_print(LOG_LINE(DLOG_DEBUG, __func__, "Successfully broadcasted: %s\n"),
+        __dlog_print(DEBUG_LINE(__func__, "Successfully broadcasted: %s\n"),
                      notification_name.c_str());
         if (completes) {
             Stage::Complete(*pThis, pThis->m_partner_dbus_name);
@@ -505,7 +499,7 @@ guint8 TevrolDbusRemote::OnResendHandshake(void* data) {
     }
     pThis->m_resendHandshake = modifiedResend;
     if (pThis->m_resendHandshake.empty()) {
-        __dlog_print(LOG_LINE(DLOG_DEBUG, __func__, "Nothing left to resend, closing timer\n"));
+        __dlog_print(DEBUG_LINE(__func__, "Nothing left to resend, closing timer\n"));
         return 0;
     }
     return 1;
@@ -516,7 +510,7 @@ void* TevrolDbusRemote::TimerThread(void* data) {
     do {
         usleep(kResendPeriod);
     } while (OnResendHandshake(pThis) == 1);
-    __dlog_print(LOG_LINE(DLOG_DEBUG, __func__, "Finished timer thread\n"));
+    __dlog_print(DEBUG_LINE(__func__, "Finished timer thread\n"));
     // From here on nobody holds this thread's handle: it is never joined, by design, and each such
     // episode leaves one finished thread behind. An announcement that fails between the pass and
     // this point finds the thread still recorded and starts none.
@@ -525,7 +519,7 @@ void* TevrolDbusRemote::TimerThread(void* data) {
     return nullptr;
 }
 
-// ---- Requests ----
+// ---- Payload conversion ----
 
 #ifdef TEVROL_BULK_PAYLOADS
 
@@ -578,6 +572,8 @@ inline std::vector<char> TevrolDbusRemote::ConvertBytes(GVariant* bytes) {
 
 #endif
 
+// ---- Requests ----
+
 std::vector<char> TevrolDbusRemote::SendMessage(std::vector<char>& data) {
     // These two failures go to standard output, deliberately; all others go to the log.
     if (!IsConnectionReady()) {
@@ -588,7 +584,7 @@ std::vector<char> TevrolDbusRemote::SendMessage(std::vector<char>& data) {
         puts("Proxy not ready");
         return {};
     }
-    __dlog_print(LOG_LINE(DLOG_DEBUG, __func__, "Sending sync message with %d bytes\n\n"),
+    __dlog_print(DEBUG_LINE(__func__, "Sending sync message with %d bytes\n\n"),
                  static_cast<int>(data.size()));
     GVariant* params = ConvertBytes(data);
     GError* error = nullptr;
@@ -596,8 +592,8 @@ std::vector<char> TevrolDbusRemote::SendMessage(std::vector<char>& data) {
         g_dbus_proxy_call_sync(m_proxy, TEVROL_DBUS_OBJ_METHOD, params, G_DBUS_CALL_FLAGS_NONE,
                                kDefaultTimeout, nullptr, &error);
     if (error != nullptr) {
-        __dlog_print(LOG_LINE(DLOG_ERROR, __func__, "Error while sending message [%d] %s\n\n"),
-                     error->code, error->message);
+        __dlog_print(ERROR_LINE(__func__, "Error while sending message [%d] %s\n\n"), error->code,
+                     error->message);
         g_error_free(error);
         return {};
     }
@@ -609,7 +605,7 @@ std::vector<char> TevrolDbusRemote::SendMessage(std::vector<char>& data) {
         return {};
     }
     const std::vector<char> result_bytes = ConvertBytes(result);
-    __dlog_print(LOG_LINE(DLOG_DEBUG, __func__, "Reply with %d bytes\n\n"),
+    __dlog_print(DEBUG_LINE(__func__, "Reply with %d bytes\n\n"),
                  static_cast<int>(result_bytes.size()));
     // `result` keeps its reference for good, deliberately: do not add a release. The process grows
     // by the size of each reply. The copy has exactly the reply's size, deliberately: a buffer that
@@ -624,12 +620,11 @@ void TevrolDbusRemote::cb_MethodCall(GDBusConnection* connection, const gchar* s
                                      const gchar* object_path, const gchar* interface_name,
                                      const gchar* method_name, GVariant* parameters,
                                      GDBusMethodInvocation* invocation, gpointer user_data) {
-    __dlog_print(LOG_LINE(DLOG_DEBUG, __func__,
-                          "cb_MethodCall sender=%s obj_path=%s iface_name=%s method_name=%s\n\n"),
+    __dlog_print(DEBUG_LINE(__func__,
+                            "cb_MethodCall sender=%s obj_path=%s iface_name=%s method_name=%s\n\n"),
                  sender, object_path, interface_name, method_name);
     if (connection == nullptr || user_data == nullptr) {
-        __dlog_print(
-            LOG_LINE(DLOG_ERROR, __func__, "Empty user_data or connection not valid.\n\n"));
+        __dlog_print(ERROR_LINE(__func__, "Empty user_data or connection not valid.\n\n"));
         return;
     }
     auto* pThis = static_cast<TevrolDbusRemote*>(user_data);
@@ -643,8 +638,7 @@ void TevrolDbusRemote::cb_MethodCall(GDBusConnection* connection, const gchar* s
 
 std::vector<char> TevrolDbusRemote::HandleMessage(std::vector<char>& data) {
     const std::string dbg_str(data.begin(), data.end());
-    __dlog_print(LOG_LINE(DLOG_DEBUG, __func__, "Default handler - HandleMessage = %s\n\n"),
-                 dbg_str.c_str());
+    __dlog_print(DEBUG_LINE(__func__, "Default handler - HandleMessage = %s\n\n"), dbg_str.c_str());
     PrintBytes(data);
     const std::string reply = "Default handler from : " + m_public_dbus_name;
     return std::vector<char>(reply.begin(), reply.end());
@@ -654,31 +648,31 @@ std::vector<char> TevrolDbusRemote::HandleMessage(std::vector<char>& data) {
 
 void TevrolDbusRemote::SendNotification(std::vector<char>& data) {
     if (!IsConnectionReady()) {
-        __dlog_print(LOG_LINE(DLOG_ERROR, __func__, "Connection not set.\n\n"));
+        __dlog_print(ERROR_LINE(__func__, "Connection not set.\n\n"));
         return;
     }
     // Sending needs no subscription: it stands for a bound partner.
     if (m_signal_id == 0) {
-        __dlog_print(LOG_LINE(DLOG_ERROR, __func__, "SignalSubscription not ready\n\n"));
+        __dlog_print(ERROR_LINE(__func__, "SignalSubscription not ready\n\n"));
         return;
     }
-    __dlog_print(LOG_LINE(DLOG_DEBUG, __func__, "Sending signal with %d bytes\n\n"),
+    __dlog_print(DEBUG_LINE(__func__, "Sending signal with %d bytes\n\n"),
                  static_cast<int>(data.size()));
     GVariant* params = ConvertBytes(data);
     GError* error = nullptr;
     g_dbus_connection_emit_signal(m_connection, m_partner_dbus_name.c_str(), m_object_name.c_str(),
                                   TEVROL_DBUS_OBJ_IFACE, TEVROL_DBUS_SIG_NAME, params, &error);
     if (error != nullptr) {
-        __dlog_print(LOG_LINE(DLOG_ERROR, __func__, "Error while sending signal [%d] %s\n\n"),
-                     error->code, error->message);
+        __dlog_print(ERROR_LINE(__func__, "Error while sending signal [%d] %s\n\n"), error->code,
+                     error->message);
         g_error_free(error);
     }
 }
 
 void TevrolDbusRemote::SendNotification(std::vector<char>& data, const std::string& partner) {
     if (partner != m_partner_dbus_name) {
-        __dlog_print(LOG_LINE(DLOG_ERROR, __func__,
-                              "Attempt to send notification to not connected partner!\n"));
+        __dlog_print(
+            ERROR_LINE(__func__, "Attempt to send notification to not connected partner!\n"));
         return;
     }
     SendNotification(data);
@@ -690,12 +684,11 @@ void TevrolDbusRemote::cb_SignalCall(GDBusConnection* connection, const gchar* s
                                      const gchar* object_path, const gchar* interface_name,
                                      const gchar* signal_name, GVariant* parameters,
                                      gpointer user_data) {
-    __dlog_print(LOG_LINE(DLOG_DEBUG, __func__,
-                          "cb_SignalCall sender=%s obj_path=%s iface_name=%s signal_name=%s\n\n"),
+    __dlog_print(DEBUG_LINE(__func__,
+                            "cb_SignalCall sender=%s obj_path=%s iface_name=%s signal_name=%s\n\n"),
                  sender_name, object_path, interface_name, signal_name);
     if (connection == nullptr || user_data == nullptr) {
-        __dlog_print(
-            LOG_LINE(DLOG_ERROR, __func__, "Empty user_data or connection not valid.\n\n"));
+        __dlog_print(ERROR_LINE(__func__, "Empty user_data or connection not valid.\n\n"));
         return;
     }
     auto* pThis = static_cast<TevrolDbusRemote*>(user_data);
@@ -708,7 +701,7 @@ void TevrolDbusRemote::cb_SignalCall(GDBusConnection* connection, const gchar* s
 
 void TevrolDbusRemote::HandleNotification(std::vector<char>& data) {
     const std::string dbg_str(data.begin(), data.end());
-    __dlog_print(LOG_LINE(DLOG_DEBUG, __func__, "Default handler - HandleNotification = %s\n\n"),
+    __dlog_print(DEBUG_LINE(__func__, "Default handler - HandleNotification = %s\n\n"),
                  dbg_str.c_str());
     PrintBytes(data);
 }

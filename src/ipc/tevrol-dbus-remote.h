@@ -1,37 +1,45 @@
+// SPDX-License-Identifier: MIT
 // One end of a point-to-point message channel between two processes on one device, over the D-Bus
 // system bus.
 //
-// Roles. The library is the client end: it announces names that end in "_CLIENT" plus a stage
+// Roles. This library is the client end: it announces names that end in "_CLIENT" plus a stage
 // suffix and listens for names that end in "_SERVICE" plus a stage suffix. The partner process runs
 // the mirror image. Two objects of this class never pair with each other. The application derives
 // from the class, overrides the handlers and runs a GLib main loop.
 //
-// Handshake. Each stage (SYN, SYN_ACK, ACK) is announced by owning a well-known bus name for an
-// instant. The bus reports the release with NameOwnerChanged, whose old owner is the announcer's
-// unique name. No method call takes part, so neither end needs to know the other beforehand.
+// Handshake. An end announces a stage (SYN, SYN_ACK, ACK) by owning a well-known bus name for an
+// instant. The bus reports the release with NameOwnerChanged. Its old owner is the announcer's
+// unique name, so neither end needs to know the other's address beforehand.
 //
 // Threads. Three kinds reach a channel:
-//   - the loop thread: the one that iterates the main context that was the thread-default context
-//     of the constructing thread. All bus callbacks run there, and with them the handlers;
-//   - application threads: SendMessage, SendNotification and IsConnectionReady, from any thread;
-//   - the resend thread, at most one recorded per channel, alive only while a failed announcement
-//     is repeated every half second.
+//   - the loop thread iterates the main context that was the thread-default context of the
+//     constructing thread. All bus callbacks and the handlers run there;
+//   - application threads call SendMessage, SendNotification and IsConnectionReady;
+//   - the resend thread repeats a failed announcement every half second, then ends. At most one is
+//     recorded per channel.
+// The loop thread keeps its main context thread-default while it iterates it. The reason:
+// notifications and the loss arrive in the context that is thread-default when the partner is
+// bound, and the channel binds in a bus callback. The process's default context is always
+// thread-default unless another one is pushed.
+//
 // One lock, m_mutex: handshake stages, partner loss and resend passes hold it for their whole work,
-// the application's HandleConnectionReady included. Construction, destruction and all messaging
-// take no lock: they read the state of the partner unguarded, by design.
+// HandleConnectionReady included. Construction, destruction and messaging take no lock: they read
+// the partner's state unguarded, by design.
 //
-// Lifetime. The application owns the object and destroys it on the loop thread. What is registered
-// at the bus connection outlives the object by design (see the destructor), so the loop must not be
-// run again for that connection afterwards. Payloads are never kept; replies are the caller's.
+// Lifetime. The application owns the object and destroys it on the loop thread. By design some
+// registrations at the bus connection outlive the object (see the destructor), so the application
+// does not run the loop for that connection afterwards. Payloads are never kept. A reply belongs to
+// the caller.
 //
-// Failures. Nothing is thrown and nothing is returned but a neutral result: false, an empty buffer,
-// or nothing. The reason is in the device's log under the tag "sandrel" (platform/dlog.h), except
-// for two lines of SendMessage on standard output.
+// Failures. Bus errors are neither thrown nor returned: an operation then gives false, an empty
+// buffer, or nothing. The reason is in the device's log under the tag "sandrel" (platform/dlog.h),
+// except for two lines of SendMessage on standard output.
 //
-// Channel names. A name is used unchanged inside bus names and as the last element of an object
-// path, and is not validated: letters, digits and underscores are safe, as long as it does not
-// begin with a digit. With any other name the object is constructed and, as no partner can serve
-// it, does not become ready.
+// Channel names. A name is used unchanged in bus names and as the last element of an object path,
+// and is not validated. Letters, digits and underscores are safe if the first is no digit. With
+// another name the object may be constructed and even become ready, when a process announces the
+// partner's name; but where the name is unfit for an object path, it carries no request and no
+// notification.
 #pragma once
 
 #include <gio/gio.h>
@@ -50,89 +58,91 @@ public:
     // connection that the whole process shares), exports the channel object, subscribes to the
     // partner's handshake names and announces this end once (RequestName and ReleaseName).
     //
-    // Blocks for those bus calls: for connecting without a documented timeout, for every other call
-    // up to GIO's timeout of 25 s. The handlers are called by the main context that is the
-    // thread-default context of this thread, once it is iterated; never during construction. Takes
-    // no lock.
+    // Blocks for these bus calls: no timeout is documented for connecting, every other call has
+    // GIO's timeout of 25 s. Takes no lock. No handler is called during construction.
     //
-    // Never throws on bus errors. Without a bus the object stays inert and is never ready. When
-    // the object path is taken already (a second channel of the same name in this process), that
-    // is logged and the rest goes on. A first announcement that fails is not repeated: the partner
-    // then finds this end when it announces itself. Only a failed allocation throws.
+    // Never throws on bus errors. Without a bus the object does nothing and is never ready. If the
+    // object path is taken (a second channel of the same name in this process), it logs that and
+    // goes on. It does not repeat a first announcement that fails: the partner then finds this end
+    // when it announces itself. Only a failed allocation throws. Without a free file descriptor
+    // GLib aborts the process, here as in every later announcement.
     explicit TevrolDbusRemote(std::string name);
 
-    // Releases what the object holds, in any state of the handshake. A resend thread between two
-    // passes is waited for: half a second and one announcement.
+    // Releases what the object holds, in any state of the handshake. Waits for a recorded resend
+    // thread: half a second and one announcement at most, with the two exceptions below.
     //
-    // To be called on the loop thread, with no other thread inside an operation of this object and
-    // no resend pass under way; takes no lock and logs nothing. It empties the list of owed
-    // announcements, by design without the lock: a pass would be walking that list (undefined), and
-    // if its announcement fails it puts the entry back, so that this waits for as long as
-    // announcements fail. An application cannot see a pass; so where one may be under way, it keeps
-    // the channel until the process ends.
+    // Call it on the loop thread, with no other thread inside an operation of this object and no
+    // resend pass under way. It takes no lock and logs nothing.
+    //   - It empties the list of owed announcements, by design without the lock. A pass that runs
+    //     at that moment walks the same list (undefined behaviour). If its announcement fails, it
+    //     puts its entry back, and the destructor waits for as long as announcements fail.
+    //   - If a resend thread could not be created ("Timer thread create status: 0"), the handle
+    //     that pthread_create left is joined, by design. Another thread of the process may have
+    //     got the same handle: the destructor then waits until that thread ends.
+    // An application can see neither, so it keeps its channels until the process ends.
     //
     // By design the registration of the channel object and the three subscriptions to the
     // partner's handshake names stay at the bus connection, with this object as their user data:
-    // after the destructor, do not iterate the loop's main context again while the connection
-    // lives (in practice: destroy channels as the process ends). GLib warns "Invalid id ... passed
-    // to g_bus_unwatch_name()" up to four times; and if one of the ids happens to equal that of a
+    // do not iterate the loop's main context again while the connection lives. GLib warns "Invalid
+    // id ... passed to g_bus_unwatch_name()" up to four times. If one of the ids equals that of a
     // live g_bus_watch_name() watch of this process, that watch is removed.
     virtual ~TevrolDbusRemote();
 
     TevrolDbusRemote(const TevrolDbusRemote&) = delete;
     TevrolDbusRemote& operator=(const TevrolDbusRemote&) = delete;
 
-    // Answers a request of the partner: `data` holds its bytes as they were sent (any number, all
-    // 256 values), the returned buffer is the reply. Override it; the default logs and prints the
-    // request and answers "Default handler from : " and this end's unique bus name.
+    // Answers a request: `data` holds its bytes as they were sent (any number, all 256 values), the
+    // returned buffer is the reply. Override it; the default logs and prints the request and
+    // answers "Default handler from : " and this end's unique bus name.
     //
-    // Called on the loop thread for each D-Bus call of "Send", without a lock. Until it returns, no
-    // other bus callback of the loop runs. Requests are taken from any process that the bus lets
-    // through, before the handshake too; one of another type than "(ay)" is answered by GIO with an
-    // error and does not come here. `data` is gone after the call. Must not throw: the exception
-    // would pass through GLib's C code.
+    // Called on the loop thread for each D-Bus call of "Send", without a lock. No other bus
+    // callback of the loop runs until it returns. It gets requests of any process that the bus
+    // lets through, also before the handshake. GIO answers a request of another type than "(ay)"
+    // with an error. `data` is gone after the call. Must not throw: the exception would pass
+    // through GLib's C code.
     virtual std::vector<char> HandleMessage(std::vector<char>& data);
 
     // Takes a notification of the bound partner: `data` holds its bytes as they were sent. Override
     // it; the default logs and prints them.
     //
     // Called on the loop thread for each D-Bus signal of the channel's interface from the partner,
-    // without a lock; one of another type than "(ay)" is logged and dropped. `data` is gone after
-    // the call. Must not throw, as HandleMessage.
+    // without a lock. A signal of another type than "(ay)" is logged and dropped. `data` is gone
+    // after the call. Must not throw, as HandleMessage.
     virtual void HandleNotification(std::vector<char>& data);
 
     // Tells that a partner has become ready (`state` true) or has been lost (false); `partner` is
     // its unique bus name. Override it; the default logs `state`.
     //
-    // Called on the loop thread, or on the resend thread when the completing announcement had to
-    // be repeated, and always with m_mutex held: it may call SendMessage, SendNotification and
-    // IsConnectionReady, which take no lock, but must not wait for another thread that is inside a
-    // bus callback of this channel, and must not run the main loop. Must not throw, as
-    // HandleMessage.
+    // Called on the loop thread, or on the resend thread if the completing announcement had to be
+    // repeated, always with m_mutex held. It may call SendMessage, SendNotification and
+    // IsConnectionReady, which take no lock. It must not wait for a thread that is inside a bus
+    // callback of this channel, must not run the main loop and must not throw (see HandleMessage).
     //
     // True may come repeatedly, and with the name of another process than the bound partner:
-    // whoever releases the partner's ACK name completes the handshake. On loss the partner's name
-    // is forgotten already, while IsConnectionReady still gives its old answer: a request fails,
-    // and SendNotification must not be called (see there).
+    // whoever releases the partner's ACK name completes the handshake. False may come without an
+    // earlier true. On loss the partner's name is already forgotten, but IsConnectionReady still
+    // gives its old answer: a request fails, and SendNotification must not be called (see there).
     virtual void HandleConnectionReady(bool state, const std::string& partner);
 
     // Sends `data` (not modified; 0 bytes to the bus's message limit, 32 MiB on a stock system bus)
     // to the partner as the D-Bus method call "Send" (g_dbus_proxy_call_sync) and returns its
     // reply.
     //
-    // Blocks until the reply, an error or GIO's timeout of 25 s; from any thread. On the loop
-    // thread nothing else is dispatched meanwhile, so two ends that request of each other from
-    // their loop threads at once wait for each other. Takes no lock: a partner that is lost at the
-    // same moment must not race with the call, so call it on the loop thread, or hold a lock of the
-    // application's around it that HandleConnectionReady takes, too.
+    // Blocks until the reply, an error or GIO's timeout of 25 s. On the loop thread it keeps
+    // everything else waiting: two ends that request of each other from their loop threads at once
+    // both run into the timeout. Takes no lock, but must not overlap with the partner's loss. So
+    // call it on the loop thread; or on any thread, with a lock of the application's around it that
+    // HandleConnectionReady takes, too.
     //
     // Every failure gives an empty buffer, and so does an empty reply:
     //   - not ready: the line "Connection not set." on standard output;
     //   - bound without a proxy: the line "Proxy not ready" on standard output;
-    //   - the call failed or timed out: logged with the error's code and message;
+    //   - the call failed or timed out: logged with the error's code and message. A stock bus
+    //     refuses a call at once when 128 calls of this process are unanswered; a call that has
+    //     timed out counts until its partner answers or leaves;
     //   - the reply is not "(ay)": logged with the type found.
-    // Each successful call keeps one reference to its reply for good, by design: the process grows
-    // by the size of each reply.
+    // Without a free file descriptor GLib aborts the process. Each successful call keeps one
+    // reference to its reply for good, by design: the process grows by the size of each reply.
     std::vector<char> SendMessage(std::vector<char>& data);
 
     // Sends `data` (not modified; sizes as for SendMessage) to the partner as the D-Bus signal
@@ -140,29 +150,29 @@ public:
     //
     // Queues the message and returns; without a lock. Nothing tells whether the partner took it.
     //
-    // From any thread, but not while a loss is handled, HandleConnectionReady included: the
-    // partner's name is forgotten before the loss is told, so that no lock of the application's
-    // keeps the two apart. On another thread they race for the name. In the handler the signal goes
-    // to nobody: GIO reports a critical, and the payload's memory is not released. So call it on
-    // the loop thread (g_main_context_invoke).
+    // Call it on the loop thread (g_main_context_invoke), but not in HandleConnectionReady(false,
+    // ...). The channel forgets the partner's name before it tells the loss, so a lock that
+    // HandleConnectionReady takes comes too late here: another thread may read the name while it
+    // changes. In that handler the signal goes to nobody: GIO reports a critical, and the memory of
+    // the payload is lost.
     //
-    // Logged and not sent: when not ready, and when no partner is bound; an error
-    // of the emission is logged too. A message over the bus's limit is queued without an error; the
-    // bus then closes the connection.
+    // Logs and does not send if not ready or if no partner is bound. Logs an error of the emission.
+    // A message over the bus's limit is queued without an error, and the bus then closes the
+    // connection.
     void SendNotification(std::vector<char>& data);
 
-    // The same, if `partner` is exactly the unique bus name of the bound partner; otherwise logs
-    // that it is not and sends nothing.
+    // The same, if `partner` is exactly the unique bus name of the bound partner. Otherwise logs
+    // that it is not, and sends nothing.
     void SendNotification(std::vector<char>& data, const std::string& partner);
 
     // Whether the handshake is complete: true from its completion until the loss of the partner has
-    // been told. It turns false without a loss when a SYN_ACK that had to be repeated is announced
-    // after another process has completed the handshake, and stays true when the bus goes.
+    // been told. It turns false without a loss if a repeated SYN_ACK is announced after another
+    // process has completed the handshake. It stays true when the bus goes away.
     // From any thread; takes no lock, so the answer may be outdated when it is used.
     bool IsConnectionReady();
 
 private:
-    // Handshake states. They record progress; no stage consults them.
+    // Handshake states. They record progress; no stage reads them.
     enum {
         CONNECTION_NOT_STARTED,        // nothing started, or the partner was lost
         CONNECTION_HANDSHAKE_SYN,      // this end has announced its SYN
@@ -173,13 +183,13 @@ private:
     // What the three handshake stages share; defined beside them.
     class Stage;
 
-    // Announces `notification_name` by owning it and giving it back at once: the bus driver's
-    // RequestName (not queueing) and ReleaseName. True when it was owned and the release was
-    // answered. Loop thread or resend thread; the caller holds m_mutex, except in construction.
+    // Announces `notification_name`: owns it and gives it back at once by the bus driver's
+    // RequestName (without queueing) and ReleaseName. True if it was owned and the bus answered the
+    // release. Loop thread or resend thread; the caller holds m_mutex, except in construction.
     bool BroadcastName(std::string& notification_name);
 
     // GDBus signal callbacks: NameOwnerChanged of the partner's SYN, SYN_ACK and ACK name.
-    // Loop thread; each takes m_mutex for the rest of its work once it has read the parameters.
+    // Loop thread; each reads the parameters, then takes m_mutex for the rest of its work.
     static void cb_SynNameOwnerChanged(GDBusConnection* connection, const gchar* sender_name,
                                        const gchar* object_path, const gchar* interface_name,
                                        const gchar* signal_name, GVariant* parameters,
@@ -208,7 +218,7 @@ private:
     // Payload conversion: bytes to a floating "(ay)" value, and a "(ay)" value to its bytes.
     static GVariant* ConvertBytes(std::vector<char>& bytes);
     static std::vector<char> ConvertBytes(GVariant* bytes);
-    // One resend pass over the channel `data`: 1 when announcements remain to be repeated, else 0.
+    // One resend pass over the channel `data`: 1 if announcements remain to be repeated, else 0.
     // Resend thread; takes m_mutex for all of its work.
     static guint8 OnResendHandshake(void* data);
     // The resend thread's body (pthread_create): a pass every half second until nothing remains.
@@ -223,7 +233,7 @@ private:
     static const char* const TEVROL_DBUS_SYN_SUFFIX;
     static const char* const TEVROL_DBUS_SYNACK_SUFFIX;
     static const char* const TEVROL_DBUS_ACK_SUFFIX;
-    // The role suffixes. Named prefixes, but they stand behind the channel name.
+    // The role suffixes. They are named prefixes but follow the channel name.
     static const char* const BROADCAST_PREFIX;
     static const char* const LISTEN_PREFIX;
     static const GDBusInterfaceVTable m_vtable;
@@ -254,7 +264,8 @@ private:
     GDBusConnection* m_connection = nullptr;  // the system bus connection; one reference
     // Guards the state of the handshake, the binding and the two members below. Not recursive.
     PTMutex m_mutex;
-    pthread_t m_timerThread = 0;  // the resend thread; 0 when none is recorded
+    // The resend thread; 0 when none is recorded. After a failed pthread_create, what that left.
+    pthread_t m_timerThread = 0;
     // Announcements that failed: partner's unique name to the stage suffix owed to it.
     std::map<std::string, std::string> m_resendHandshake;
 };

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "tests/conformance/conformance-test.h"
 
 #include <unistd.h>
@@ -25,6 +26,14 @@ std::string Section(const std::string& file, const std::string& name) {
     return section;
 }
 
+// Released even if the channel throws.
+struct Release {
+    void operator()(GVariant* value) const {
+        Unref(value);
+    }
+};
+using Held = std::unique_ptr<GVariant, Release>;
+
 std::string Text(const std::vector<char>& bytes) {
     return Quoted(std::string(bytes.begin(), bytes.end()).c_str());
 }
@@ -34,10 +43,12 @@ std::string Text(const std::vector<char>& bytes) {
 // ---- StubChannel ----
 
 StubChannel::~StubChannel() {
+    const StubWorld::Outside outside;
     StubWorld::Current()->Handler("~StubChannel", "");
 }
 
 void* StubChannel::operator new(std::size_t size) {
+    const StubWorld::Outside outside;
     void* storage = ::operator new(size);
     StubWorld::Current()->BeginChannel(static_cast<StubChannel*>(storage), size);
     return storage;
@@ -52,6 +63,7 @@ std::vector<char> StubChannel::HandleMessage(std::vector<char>& data) {
     if (m_handlers == Handlers::Default) {
         return TevrolDbusRemote::HandleMessage(data);
     }
+    const StubWorld::Outside outside;
     StubWorld::Current()->Handler("HandleMessage", Text(data));
     return {'o', 'k'};
 }
@@ -61,6 +73,7 @@ void StubChannel::HandleNotification(std::vector<char>& data) {
         TevrolDbusRemote::HandleNotification(data);
         return;
     }
+    const StubWorld::Outside outside;
     StubWorld::Current()->Handler("HandleNotification", Text(data));
 }
 
@@ -69,6 +82,7 @@ void StubChannel::HandleConnectionReady(bool state, const std::string& partner) 
         TevrolDbusRemote::HandleConnectionReady(state, partner);
         return;
     }
+    const StubWorld::Outside outside;
     StubWorld::Current()->Handler("HandleConnectionReady",
                                   (state ? "true, " : "false, ") + Quoted(partner.c_str()));
 }
@@ -80,6 +94,7 @@ ChannelLife::~ChannelLife() {
 }
 
 std::vector<char> ToBytes(const std::string& text) {
+    const StubWorld::Outside outside;
     return {text.begin(), text.end()};
 }
 
@@ -95,10 +110,9 @@ void ChannelLife::Hear(NameOwnerChanged stage, const std::string& old_owner,
 
 void ChannelLife::Deliver(NameOwnerChanged stage, GVariant* body, GDBusConnection* connection,
                           gpointer user_data) {
-    g_variant_ref_sink(body);
+    const Held held(g_variant_ref_sink(body));
     stage(connection, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
           "NameOwnerChanged", body, user_data);
-    Unref(body);
 }
 
 void ChannelLife::Lose(const std::string& name) {
@@ -106,18 +120,16 @@ void ChannelLife::Lose(const std::string& name) {
 }
 
 void ChannelLife::Receive(GVariant* body) {
-    g_variant_ref_sink(body);
+    const Held held(g_variant_ref_sink(body));
     TevrolDbusRemote::cb_MethodCall(StubWorld::Connection(), ":1.5", channel->m_object_name.c_str(),
                                     "an.interface", "AMethod", body, StubWorld::Invocation(),
                                     channel.get());
-    Unref(body);
 }
 
 void ChannelLife::ReceiveSignal(GVariant* body, const char* member) {
-    g_variant_ref_sink(body);
+    const Held held(g_variant_ref_sink(body));
     TevrolDbusRemote::cb_SignalCall(StubWorld::Connection(), ":1.5", channel->m_object_name.c_str(),
                                     "an.interface", member, body, channel.get());
-    Unref(body);
 }
 
 void ChannelLife::ConstructBound() {
@@ -152,6 +164,7 @@ ConformanceTest::~ConformanceTest() {
 
 void ConformanceTest::Matches() {
     Stop();
+    EXPECT_EQ(world.Misuses(), std::vector<std::string>());
     const testing::TestInfo& test = *testing::UnitTest::GetInstance()->current_test_info();
     std::string suite = test.test_suite_name();
     suite.erase(0, suite.find('/') + 1);  // npos + 1 is 0

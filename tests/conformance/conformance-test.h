@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The fixture of the conformance tests: a channel in the stub world, and the comparison of what it
 // does with what stands in recordings/.
 #pragma once

@@ -1,6 +1,7 @@
+// SPDX-License-Identifier: MIT
 // The order of the members and of the virtual operations: what a program that was built against the
-// class relies on, beyond the calls. (The constants: tests/channel-object-test.cpp; every use of
-// them shows in the recordings.)
+// class relies on, beyond the calls. (The constants: tests/remote/channel-object-test.cpp; every
+// use of them shows in the recordings.)
 #include <cstring>
 #include <type_traits>
 
@@ -17,7 +18,7 @@ protected:
     }
 };
 
-TEST_F(Layout, MembersAreInTheirOrderBehindTheVirtualTable) {
+TEST_F(Layout, MembersFollowVirtualTableInOrder) {
     const Channel& c = *channel;
     const std::vector<const void*> members = {&c,
                                               &c.m_name,
@@ -76,7 +77,7 @@ std::size_t Slot(Member member) {
     return offset / sizeof(void*);
 }
 
-TEST_F(Layout, HandlersAreInTheirSlotsBehindTheDestructor) {
+TEST_F(Layout, HandlersFollowDestructorInVirtualTable) {
     EXPECT_EQ(Slot(&Channel::HandleMessage), 2U);
     EXPECT_EQ(Slot(&Channel::HandleNotification), 3U);
     EXPECT_EQ(Slot(&Channel::HandleConnectionReady), 4U);
@@ -93,7 +94,7 @@ TEST_F(Layout, NoOtherOperationIsVirtual) {
     EXPECT_GT(Slot(&Channel::IsConnectionReady), kSlots);
 }
 
-TEST_F(Layout, NothingIsCopiedOrMadeInPassing) {
+TEST_F(Layout, NoCopiesAndNoImplicitConversions) {
     EXPECT_FALSE((std::is_convertible_v<std::string, Channel>));
     EXPECT_FALSE((std::is_convertible_v<PTMutex&, PTAutoLock>));
     EXPECT_FALSE(std::is_copy_constructible_v<Channel>);
@@ -105,7 +106,7 @@ TEST_F(Layout, NothingIsCopiedOrMadeInPassing) {
 }
 
 // Calls what stands in the slots, so that the table itself is what is tested.
-TEST_F(Layout, SlotsOfTheTableCallTheHandlers) {
+TEST_F(Layout, VirtualTableCallsHandlers) {
     void* const* table = *reinterpret_cast<void***>(channel.get());
     Record();
     std::vector<char> data = ToBytes("hi");

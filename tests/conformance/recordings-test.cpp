@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Each operation of the channel against its recording: every call with its arguments, every log
 // line, every handler and every change of a member, in order.
 #include "tests/conformance/conformance-test.h"
@@ -10,38 +11,48 @@ GVariant* Payload() {
     return g_variant_new_parsed("([byte 0x61, 0x00, 0xff],)");
 }
 
+// Refuses announcements, and the thread that would repeat them.
+auto RefusesAnswerAndThread(bool writes_handle) {
+    return [=](const FailableCall& call) -> std::optional<Failure> {
+        if (call.method == "RequestName" || call.function == "pthread_create") {
+            return Failure{false, {}, writes_handle};
+        }
+        return std::nullopt;
+    };
+}
+
 // ---- Construction ----
 
-class Construction : public ConformanceTest {};
+class ConstructionCalls : public ConformanceTest {};
 
-TEST_F(Construction, ConnectsRegistersSubscribesAndAnnounces) {
+TEST_F(ConstructionCalls, ConnectsRegistersSubscribesAndAnnounces) {
     Record();
     Construct();
     Matches();
 }
 
-TEST_F(Construction, WithoutABusLeavesTheRestUndone) {
+TEST_F(ConstructionCalls, NoBusStopsThere) {
     world.FailNext("g_bus_get_sync");
     Record();
     Construct();
     Matches();
 }
 
-TEST_F(Construction, WithoutABusAndWithoutAnErrorLeavesTheRestUndone) {
+TEST_F(ConstructionCalls, NoBusAndNoErrorStopsThere) {
     world.FailNext("g_bus_get_sync", {false, {}});
     Record();
     Construct();
     Matches();
 }
 
-TEST_F(Construction, ARefusedRegistrationIsLoggedAndTheRestIsDone) {
+TEST_F(ConstructionCalls, RefusedRegistrationIsLoggedAndTheRestGoesOn) {
     world.FailNext("g_dbus_connection_register_object");
     Record();
     Construct();
     Matches();
 }
 
-TEST_F(Construction, ARefusedAnnouncementIsNotRepeated) {
+TEST_F(ConstructionCalls, RefusedAnnouncementIsNotRepeated) {
     world.FailNext("RequestName", {false, 3});
     Record();
     Construct();
@@ -50,7 +61,7 @@ TEST_F(Construction, ARefusedAnnouncementIsNotRepeated) {
 
 // ---- The announcement ----
 
-class Announcement : public ConformanceTest {
+class AnnouncementCalls : public ConformanceTest {
 protected:
     void Announce(bool expected) {
         std::string name = "a.name";
@@ -60,56 +71,56 @@ protected:
         EXPECT_EQ(announced, expected);
         EXPECT_EQ(name, "a.name");
     }
-    Announcement() {
+    AnnouncementCalls() {
         Construct();
     }
 };
 
-TEST_F(Announcement, OwnsAndReleasesTheName) {
+TEST_F(AnnouncementCalls, OwnsAndReleasesTheName) {
     Announce(true);
 }
 
-TEST_F(Announcement, ErrorOfTheRequestIsLogged) {
+TEST_F(AnnouncementCalls, RequestErrorIsLogged) {
     world.FailNext("RequestName");
     Announce(false);
 }
 
-TEST_F(Announcement, NoReplyToTheRequestIsLogged) {
+TEST_F(AnnouncementCalls, MissingRequestReplyIsLogged) {
     world.FailNext("RequestName", {false, {}});
     Announce(false);
 }
 
-TEST_F(Announcement, AnsweredInQueueFails) {
+TEST_F(AnnouncementCalls, CodeInQueueFails) {
     world.FailNext("RequestName", {false, 2});
     Announce(false);
 }
 
-TEST_F(Announcement, AnsweredExistsFails) {
+TEST_F(AnnouncementCalls, CodeExistsFails) {
     world.FailNext("RequestName", {false, 3});
     Announce(false);
 }
 
-TEST_F(Announcement, AnsweredAlreadyOwnerFails) {
+TEST_F(AnnouncementCalls, CodeAlreadyOwnerFails) {
     world.FailNext("RequestName", {false, 4});
     Announce(false);
 }
 
-TEST_F(Announcement, AnsweredZeroFails) {
+TEST_F(AnnouncementCalls, CodeZeroFails) {
     world.FailNext("RequestName", {false, 0});
     Announce(false);
 }
 
-TEST_F(Announcement, ErrorOfTheReleaseIsNotInspected) {
+TEST_F(AnnouncementCalls, ReleaseErrorIsNotInspected) {
     world.FailNext("ReleaseName");
     Announce(false);
 }
 
-TEST_F(Announcement, NoReplyToTheReleaseIsLogged) {
+TEST_F(AnnouncementCalls, MissingReleaseReplyIsLogged) {
     world.FailNext("ReleaseName", {false, {}});
     Announce(false);
 }
 
-TEST_F(Announcement, AnyReplyToTheReleaseCounts) {
+TEST_F(AnnouncementCalls, AnyReleaseCodeSucceeds) {
     world.FailNext("ReleaseName", {false, 2});
     Announce(true);
 }
@@ -122,9 +133,10 @@ struct BindingStageCase {
                      GVariant*, gpointer);
 };
 
-class BindingStage : public ConformanceTest, public testing::WithParamInterface<BindingStageCase> {
+class BindingStageCalls : public ConformanceTest,
+                          public testing::WithParamInterface<BindingStageCase> {
 protected:
-    BindingStage() {
+    BindingStageCalls() {
         Construct();
     }
     void RecordRelease(const std::string& owner = ":1.5") {
@@ -134,79 +146,79 @@ protected:
     }
 };
 
-INSTANTIATE_TEST_SUITE_P(Each, BindingStage,
+INSTANTIATE_TEST_SUITE_P(Each, BindingStageCalls,
                          testing::Values(BindingStageCase{"Syn", &Channel::cb_SynNameOwnerChanged},
                                          BindingStageCase{"SynAck",
                                                           &Channel::cb_SynAckNameOwnerChanged}),
                          [](const auto& stage) { return std::string(stage.param.name); });
 
-TEST_P(BindingStage, BindsAndAnswersAPartner) {
+TEST_P(BindingStageCalls, BindsAndAnswersPartner) {
     RecordRelease();
 }
 
-TEST_P(BindingStage, ARefusedAnswerStartsTheTimer) {
+TEST_P(BindingStageCalls, RefusedAnswerStartsResendThread) {
     world.FailNext("RequestName", {false, 3});
     RecordRelease();
 }
 
-TEST_P(BindingStage, ARefusedAnswerIsLeftToARecordedTimer) {
+TEST_P(BindingStageCalls, RefusedAnswerUsesRecordedResendThread) {
     channel->m_timerThread = 7;
     channel->m_resendHandshake[":1.5"] = "_OLD";
     world.FailNext("RequestName", {false, 3});
     RecordRelease();
 }
 
-TEST_P(BindingStage, ATimerThatCannotBeCreatedIsLogged) {
-    world.plan = [](const FailableCall& call) -> std::optional<Failure> {
-        if (call.method == "RequestName" || call.function == "pthread_create") {
-            return Failure{false, {}};
-        }
-        return std::nullopt;
-    };
+TEST_P(BindingStageCalls, FailedThreadCreationIsLogged) {
+    world.plan = RefusesAnswerAndThread(false);
     RecordRelease();
 }
 
-TEST_P(BindingStage, AProxyErrorIsLoggedAndTheRestIsDone) {
+TEST_P(BindingStageCalls, HandleOfThreadNeverStartedIsKept) {
+    world.plan = RefusesAnswerAndThread(true);
+    RecordRelease();
+}
+
+TEST_P(BindingStageCalls, ProxyErrorIsLoggedAndTheRestGoesOn) {
     world.FailNext("g_dbus_proxy_new_sync");
     RecordRelease();
 }
 
-TEST_P(BindingStage, OwnReleaseChangesNothing) {
+TEST_P(BindingStageCalls, OwnReleaseChangesNothing) {
     RecordRelease(":1.1");
 }
 
-TEST_P(BindingStage, AnAcquisitionChangesNothing) {
+TEST_P(BindingStageCalls, AcquisitionChangesNothing) {
     Record();
     Hear(GetParam().callback, "", ":1.5");
     Matches();
 }
 
-TEST_P(BindingStage, WhileWatchedNobodyElseIsBound) {
+TEST_P(BindingStageCalls, NobodyElseIsBoundWhileWatched) {
     channel->m_proxy_watch = 7;
     RecordRelease();
 }
 
-TEST_P(BindingStage, WhileSubscribedNobodyElseIsBound) {
+TEST_P(BindingStageCalls, NobodyElseIsBoundWhileSubscribed) {
     channel->m_signal_id = 7;
     RecordRelease();
     channel->m_signal_id = 0;
 }
 
-TEST_P(BindingStage, WithoutConnectionIsAnError) {
+TEST_P(BindingStageCalls, MissingConnectionIsError) {
     Record();
     Deliver(GetParam().callback, g_variant_new_parsed("('a.name', ':1.5', '')"), nullptr,
             channel.get());
     Matches();
 }
 
-TEST_P(BindingStage, WithoutObjectIsAnError) {
+TEST_P(BindingStageCalls, MissingObjectIsError) {
     Record();
     Deliver(GetParam().callback, g_variant_new_parsed("('a.name', ':1.5', '')"),
             StubWorld::Connection(), nullptr);
     Matches();
 }
 
-TEST_P(BindingStage, ABodyOfAnotherTypeIsAnError) {
+TEST_P(BindingStageCalls, BodyOfWrongTypeIsError) {
     Record();
     Deliver(GetParam().callback, g_variant_new_parsed("('a.name', uint32 5, '')"),
             StubWorld::Connection(), channel.get());
@@ -215,7 +227,7 @@ TEST_P(BindingStage, ABodyOfAnotherTypeIsAnError) {
 
 // ---- The ACK stage ----
 
-class AckStage : public ConformanceTest {
+class AckStageCalls : public ConformanceTest {
 protected:
     void RecordRelease(const std::string& owner) {
         Record();
@@ -224,52 +236,52 @@ protected:
     }
 };
 
-TEST_F(AckStage, OfTheBoundPartnerCompletes) {
+TEST_F(AckStageCalls, BoundPartnerCompletes) {
     ConstructBound();
     RecordRelease(":1.5");
 }
 
-TEST_F(AckStage, OfAnyOtherProcessCompletesInItsName) {
+TEST_F(AckStageCalls, OtherProcessCompletesInItsOwnName) {
     ConstructBound();
     RecordRelease(":1.6");
 }
 
-TEST_F(AckStage, RepeatedIsToldAgain) {
+TEST_F(AckStageCalls, RepeatedAckIsToldAgain) {
     ConstructReady();
     RecordRelease(":1.5");
 }
 
-TEST_F(AckStage, OwnReleaseChangesNothing) {
+TEST_F(AckStageCalls, OwnReleaseChangesNothing) {
     ConstructBound();
     RecordRelease(":1.1");
 }
 
-TEST_F(AckStage, AnAcquisitionChangesNothing) {
+TEST_F(AckStageCalls, AcquisitionChangesNothing) {
     ConstructBound();
     Record();
     Hear(&Channel::cb_AckNameOwnerChanged, "", ":1.5");
     Matches();
 }
 
-TEST_F(AckStage, WithNobodyBoundChangesNothing) {
+TEST_F(AckStageCalls, NobodyBoundChangesNothing) {
     Construct();
     RecordRelease(":1.5");
 }
 
-TEST_F(AckStage, WithoutTheWatchChangesNothing) {
+TEST_F(AckStageCalls, MissingWatchChangesNothing) {
     Construct();
     channel->m_signal_id = 7;
     RecordRelease(":1.5");
     channel->m_signal_id = 0;
 }
 
-TEST_F(AckStage, WithoutTheSubscriptionChangesNothing) {
+TEST_F(AckStageCalls, MissingSubscriptionChangesNothing) {
     Construct();
     channel->m_proxy_watch = 7;
     RecordRelease(":1.5");
 }
 
-TEST_F(AckStage, WithoutConnectionIsAnError) {
+TEST_F(AckStageCalls, MissingConnectionIsError) {
     ConstructBound();
     Record();
     Deliver(&Channel::cb_AckNameOwnerChanged, g_variant_new_parsed("('a.name', ':1.5', '')"),
@@ -277,7 +289,7 @@ TEST_F(AckStage, WithoutConnectionIsAnError) {
     Matches();
 }
 
-TEST_F(AckStage, WithoutObjectIsAnError) {
+TEST_F(AckStageCalls, MissingObjectIsError) {
     ConstructBound();
     Record();
     Deliver(&Channel::cb_AckNameOwnerChanged, g_variant_new_parsed("('a.name', ':1.5', '')"),
@@ -285,7 +297,7 @@ TEST_F(AckStage, WithoutObjectIsAnError) {
     Matches();
 }
 
-TEST_F(AckStage, ABodyOfAnotherTypeIsAnError) {
+TEST_F(AckStageCalls, BodyOfWrongTypeIsError) {
     ConstructBound();
     Record();
     Deliver(&Channel::cb_AckNameOwnerChanged, g_variant_new_parsed("('a.name', ':1.5')"),
@@ -295,9 +307,9 @@ TEST_F(AckStage, ABodyOfAnotherTypeIsAnError) {
 
 // ---- Loss ----
 
-class Loss : public ConformanceTest {
+class LossCalls : public ConformanceTest {
 protected:
-    Loss() {
+    LossCalls() {
         ConstructReady();
     }
     void RecordLoss(const std::string& name = ":1.5") {
@@ -307,49 +319,49 @@ protected:
     }
 };
 
-TEST_F(Loss, OfAReadyPartnerReleasesTheBinding) {
+TEST_F(LossCalls, ReadyPartnerIsReleased) {
     RecordLoss();
 }
 
-TEST_F(Loss, OfAPartnerThatIsOwedAnAnnouncementLeavesTheTimerToNoticeIt) {
+TEST_F(LossCalls, OwedAnnouncementIsLeftToResendThread) {
     channel->m_resendHandshake[":1.5"] = "_ACK";
     channel->m_timerThread = 7;
     RecordLoss();
     channel->m_timerThread = 0;
 }
 
-TEST_F(Loss, OfAnotherNameChangesNothing) {
+TEST_F(LossCalls, OtherNameChangesNothing) {
     RecordLoss(":1.55");
 }
 
-TEST_F(Loss, WithoutTheWatch) {
+TEST_F(LossCalls, MissingWatch) {
     channel->m_proxy_watch = 0;
     RecordLoss();
 }
 
-TEST_F(Loss, WithoutTheProxy) {
+TEST_F(LossCalls, MissingProxy) {
     channel->m_proxy = nullptr;
     RecordLoss();
 }
 
-TEST_F(Loss, WithoutTheSubscription) {
+TEST_F(LossCalls, MissingSubscription) {
     channel->m_signal_id = 0;
     RecordLoss();
 }
 
-TEST_F(Loss, WithoutConnectionIsAnError) {
+TEST_F(LossCalls, MissingConnectionIsError) {
     Record();
     Channel::cb_PartnerNameVanished(nullptr, ":1.5", channel.get());
     Matches();
 }
 
-TEST_F(Loss, WithoutObjectIsAnError) {
+TEST_F(LossCalls, MissingObjectIsError) {
     Record();
     Channel::cb_PartnerNameVanished(StubWorld::Connection(), ":1.5", nullptr);
     Matches();
 }
 
-TEST_F(Loss, IsFollowedByTheNextPartner) {
+TEST_F(LossCalls, NextPartnerIsFound) {
     Lose(":1.5");
     Record();
     Hear(&Channel::cb_SynNameOwnerChanged, ":1.6");
@@ -359,9 +371,9 @@ TEST_F(Loss, IsFollowedByTheNextPartner) {
 
 // ---- Resending ----
 
-class ResendPass : public ConformanceTest {
+class ResendPassCalls : public ConformanceTest {
 protected:
-    ResendPass() {
+    ResendPassCalls() {
         ConstructBound();
         channel->m_handshake = Channel::CONNECTION_HANDSHAKE_SYN;
     }
@@ -373,60 +385,60 @@ protected:
     }
 };
 
-TEST_F(ResendPass, WithNothingOwedEndsTheTimer) {
+TEST_F(ResendPassCalls, NothingOwedEndsThread) {
     RecordPass(0);
 }
 
-TEST_F(ResendPass, OfTheSynAckMovesTheState) {
+TEST_F(ResendPassCalls, SynAckMovesState) {
     channel->m_resendHandshake[":1.5"] = "_SYN_ACK";
     RecordPass(0);
 }
 
-TEST_F(ResendPass, OfTheSynAckThatFailsKeepsTheEntry) {
+TEST_F(ResendPassCalls, FailedSynAckKeepsEntry) {
     channel->m_resendHandshake[":1.5"] = "_SYN_ACK";
     world.FailNext("RequestName", {false, 3});
     RecordPass(1);
 }
 
-TEST_F(ResendPass, OfTheAckCompletes) {
+TEST_F(ResendPassCalls, AckCompletes) {
     channel->m_resendHandshake[":1.5"] = "_ACK";
     RecordPass(0);
 }
 
-TEST_F(ResendPass, OfTheAckThatFailsKeepsTheEntry) {
+TEST_F(ResendPassCalls, FailedAckKeepsEntry) {
     channel->m_resendHandshake[":1.5"] = "_ACK";
     world.FailNext("ReleaseName");
     RecordPass(1);
 }
 
-TEST_F(ResendPass, DropsWhatIsOwedToOthers) {
+TEST_F(ResendPassCalls, EntriesOfOthersAreDropped) {
     channel->m_resendHandshake[":1.4"] = "_ACK";
     channel->m_resendHandshake[":1.5"] = "_SYN_ACK";
     channel->m_resendHandshake[":1.55"] = "_SYN_ACK";
     RecordPass(0);
 }
 
-TEST_F(ResendPass, KeepsNoneButTheCurrentPartners) {
+TEST_F(ResendPassCalls, OnlyEntryOfCurrentPartnerIsKept) {
     channel->m_resendHandshake[":1.4"] = "_ACK";
     channel->m_resendHandshake[":1.5"] = "_ACK";
     world.FailNext("RequestName");
     RecordPass(1);
 }
 
-TEST_F(ResendPass, DropsAnUnknownSuffix) {
+TEST_F(ResendPassCalls, UnknownSuffixIsDropped) {
     channel->m_resendHandshake[":1.5"] = "_SYN";
     RecordPass(0);
 }
 
-TEST_F(ResendPass, AfterALossDropsEverything) {
+TEST_F(ResendPassCalls, LossDropsEverything) {
     channel->m_resendHandshake[":1.5"] = "_ACK";
     Lose(":1.5");
     RecordPass(0);
 }
 
-class ResendThread : public ConformanceTest {};
+class ResendThreadCalls : public ConformanceTest {};
 
-TEST_F(ResendThread, RepeatsUntilTheAnnouncementIsMadeAndClearsItsHandle) {
+TEST_F(ResendThreadCalls, RepeatsUntilAnnouncedAndClearsItsHandle) {
     Construct();
     int requests_to_refuse = 3;  // by the stage and two passes
     world.plan = [&](const FailableCall& call) -> std::optional<Failure> {
@@ -445,7 +457,7 @@ TEST_F(ResendThread, RepeatsUntilTheAnnouncementIsMadeAndClearsItsHandle) {
 
 // ---- Teardown ----
 
-class Teardown : public ConformanceTest {
+class TeardownCalls : public ConformanceTest {
 protected:
     void RecordTeardown() {
         Record();
@@ -454,41 +466,41 @@ protected:
     }
 };
 
-TEST_F(Teardown, WithoutABus) {
+TEST_F(TeardownCalls, NoBus) {
     world.FailNext("g_bus_get_sync");
     Construct();
     RecordTeardown();
 }
 
-TEST_F(Teardown, WithNobodyBound) {
+TEST_F(TeardownCalls, NobodyBound) {
     Construct();
     RecordTeardown();
 }
 
-TEST_F(Teardown, WithAPartnerInTheMiddleOfTheHandshake) {
+TEST_F(TeardownCalls, PartnerInHandshake) {
     ConstructBound();
     RecordTeardown();
 }
 
-TEST_F(Teardown, WithAReadyPartner) {
+TEST_F(TeardownCalls, ReadyPartner) {
     ConstructReady();
     RecordTeardown();
 }
 
-TEST_F(Teardown, AfterALoss) {
+TEST_F(TeardownCalls, AfterLoss) {
     ConstructReady();
     Lose(":1.5");
     RecordTeardown();
 }
 
-TEST_F(Teardown, WithAResendPendingWaitsForTheTimersLastPass) {
+TEST_F(TeardownCalls, PendingResendIsAwaited) {
     Construct();
     world.FailNext("RequestName");
     Hear(&Channel::cb_SynNameOwnerChanged, ":1.5");
     RecordTeardown();
 }
 
-TEST_F(Teardown, WithAFinishedTimerJoinsNothing) {
+TEST_F(TeardownCalls, FinishedResendThreadIsNotJoined) {
     Construct();
     world.FailNext("RequestName");
     Hear(&Channel::cb_SynNameOwnerChanged, ":1.5");
@@ -496,7 +508,15 @@ TEST_F(Teardown, WithAFinishedTimerJoinsNothing) {
     RecordTeardown();
 }
 
-TEST_F(Teardown, WithANameOwned) {
+TEST_F(TeardownCalls, HandleOfThreadNeverStartedIsJoined) {
+    Construct();
+    world.plan = RefusesAnswerAndThread(true);
+    Hear(&Channel::cb_SynNameOwnerChanged, ":1.5");
+    world.plan = nullptr;
+    RecordTeardown();
+}
+
+TEST_F(TeardownCalls, OwnedName) {
     Construct();
     channel->m_owner_id = 7;
     RecordTeardown();
@@ -504,7 +524,7 @@ TEST_F(Teardown, WithANameOwned) {
 
 // ---- Requests ----
 
-class Request : public ConformanceTest {
+class RequestCalls : public ConformanceTest {
 protected:
     void RecordRequest(const std::string& expected, const std::string& text = "hi") {
         std::vector<char> data = ToBytes(text);
@@ -516,63 +536,63 @@ protected:
     }
 };
 
-TEST_F(Request, BringsTheReplyBack) {
+TEST_F(RequestCalls, ReplyIsReturned) {
     ConstructReady();
     world.AnswerWith(Payload());
     RecordRequest(std::string("a\0\xff", 3));
 }
 
-TEST_F(Request, EmptyIsSentAndAnsweredAsAnEmptyArray) {
+TEST_F(RequestCalls, EmptyPayloadIsEmptyArray) {
     ConstructReady();
     RecordRequest("", "");
 }
 
-TEST_F(Request, CarriesZeroAndHighBytes) {
+TEST_F(RequestCalls, ZeroAndHighBytesAreCarried) {
     ConstructReady();
     RecordRequest(std::string("\0\x7f\x80\xff", 4), std::string("\0\x7f\x80\xff", 4));
 }
 
-TEST_F(Request, ThatFailsIsLogged) {
+TEST_F(RequestCalls, FailureIsLogged) {
     ConstructReady();
     world.FailNext("g_dbus_proxy_call_sync");
     RecordRequest("");
 }
 
-TEST_F(Request, WithoutReplyAndErrorIsSilent) {
+TEST_F(RequestCalls, MissingReplyWithoutErrorIsSilent) {
     ConstructReady();
     world.FailNext("g_dbus_proxy_call_sync", {false, {}});
     RecordRequest("");
 }
 
-TEST_F(Request, AnsweredWithAnotherTypeIsLogged) {
+TEST_F(RequestCalls, ReplyOfWrongTypeIsLogged) {
     ConstructReady();
     world.AnswerWith(g_variant_new_parsed("('text',)"));
     RecordRequest("");
 }
 
-TEST_F(Request, WithNothingStartedIsPrinted) {
+TEST_F(RequestCalls, NothingStartedIsPrinted) {
     ConstructReady();
     channel->m_handshake = Channel::CONNECTION_NOT_STARTED;
     RecordRequest("");
 }
 
-TEST_F(Request, InTheSynStateIsPrinted) {
+TEST_F(RequestCalls, SynStateIsPrinted) {
     ConstructReady();
     channel->m_handshake = Channel::CONNECTION_HANDSHAKE_SYN;
     RecordRequest("");
 }
 
-TEST_F(Request, InTheSynAckStateIsPrinted) {
+TEST_F(RequestCalls, SynAckStateIsPrinted) {
     ConstructBound();
     RecordRequest("");
 }
 
-TEST_F(Request, WithNobodyBoundPrintsThatTheHandshakeIsMissing) {
+TEST_F(RequestCalls, NobodyBoundIsPrinted) {
     Construct();
     RecordRequest("");
 }
 
-TEST_F(Request, WithoutProxyIsPrinted) {
+TEST_F(RequestCalls, MissingProxyIsPrinted) {
     Construct();
     world.FailNext("g_dbus_proxy_new_sync");
     Hear(&Channel::cb_SynAckNameOwnerChanged, ":1.5");
@@ -581,23 +601,23 @@ TEST_F(Request, WithoutProxyIsPrinted) {
 
 // ---- Incoming requests ----
 
-class IncomingRequest : public ConformanceTest {};
+class IncomingRequestCalls : public ConformanceTest {};
 
-TEST_F(IncomingRequest, IsAnsweredByTheHandler) {
+TEST_F(IncomingRequestCalls, HandlerAnswers) {
     Construct();
     Record();
     Receive(Payload());
     Matches();
 }
 
-TEST_F(IncomingRequest, IsAnsweredByTheDefaultHandler) {
+TEST_F(IncomingRequestCalls, DefaultHandlerAnswers) {
     Construct(Handlers::Default);
     Record();
     Receive(Payload());
     Matches();
 }
 
-TEST_F(IncomingRequest, OfAnotherPathIsIgnored) {
+TEST_F(IncomingRequestCalls, OtherPathIsIgnored) {
     Construct();
     GVariant* body = g_variant_ref_sink(Payload());
     Record();
@@ -607,7 +627,7 @@ TEST_F(IncomingRequest, OfAnotherPathIsIgnored) {
     Unref(body);
 }
 
-TEST_F(IncomingRequest, WithoutConnectionIsAnError) {
+TEST_F(IncomingRequestCalls, MissingConnectionIsError) {
     Construct();
     Record();
     Channel::cb_MethodCall(nullptr, ":1.5", channel->m_object_name.c_str(), "an.interface",
@@ -615,7 +635,7 @@ TEST_F(IncomingRequest, WithoutConnectionIsAnError) {
     Matches();
 }
 
-TEST_F(IncomingRequest, WithoutObjectIsAnError) {
+TEST_F(IncomingRequestCalls, MissingObjectIsError) {
     Construct();
     Record();
     Channel::cb_MethodCall(StubWorld::Connection(), ":1.5", channel->m_object_name.c_str(),
@@ -624,7 +644,7 @@ TEST_F(IncomingRequest, WithoutObjectIsAnError) {
 }
 
 // GIO lets no such call through.
-TEST_F(IncomingRequest, OfAnotherTypeIsTakenAsEmpty) {
+TEST_F(IncomingRequestCalls, WrongTypeIsTakenAsEmpty) {
     Construct();
     Record();
     Receive(g_variant_new_parsed("('text',)"));
@@ -633,7 +653,7 @@ TEST_F(IncomingRequest, OfAnotherTypeIsTakenAsEmpty) {
 
 // ---- Notifications ----
 
-class Notification : public ConformanceTest {
+class NotificationCalls : public ConformanceTest {
 protected:
     void RecordNotification() {
         std::vector<char> data = ToBytes("hi");
@@ -650,80 +670,80 @@ protected:
     }
 };
 
-TEST_F(Notification, GoesToThePartner) {
+TEST_F(NotificationCalls, PartnerIsSentIt) {
     ConstructReady();
     RecordNotification();
 }
 
-TEST_F(Notification, ThatFailsIsLogged) {
+TEST_F(NotificationCalls, FailureIsLogged) {
     ConstructReady();
     world.FailNext("g_dbus_connection_emit_signal");
     RecordNotification();
 }
 
-TEST_F(Notification, ThatFailsWithoutAnErrorIsSilent) {
+TEST_F(NotificationCalls, FailureWithoutErrorIsSilent) {
     ConstructReady();
     world.FailNext("g_dbus_connection_emit_signal", {false, {}});
     RecordNotification();
 }
 
-TEST_F(Notification, BeforeTheHandshakeIsCompleteIsLogged) {
+TEST_F(NotificationCalls, IncompleteHandshakeIsLogged) {
     ConstructBound();
     RecordNotification();
 }
 
-TEST_F(Notification, WithoutSubscriptionIsLogged) {
+TEST_F(NotificationCalls, MissingSubscriptionIsLogged) {
     ConstructReady();
     channel->m_signal_id = 0;
     RecordNotification();
 }
 
-TEST_F(Notification, ToTheBoundPartnerByNameIsSent) {
+TEST_F(NotificationCalls, PartnersNameIsSent) {
     ConstructReady();
     RecordNotificationTo(":1.5");
 }
 
-TEST_F(Notification, ToALongerNameIsLogged) {
+TEST_F(NotificationCalls, LongerNameIsLogged) {
     ConstructReady();
     RecordNotificationTo(":1.55");
 }
 
-TEST_F(Notification, ToAShorterNameIsLogged) {
+TEST_F(NotificationCalls, ShorterNameIsLogged) {
     ConstructReady();
     RecordNotificationTo(":1.");
 }
 
-TEST_F(Notification, ToNobodyWhileNobodyIsBoundFailsInTheChecks) {
+TEST_F(NotificationCalls, EmptyNameWhileNobodyIsBoundFailsLater) {
     Construct();
     RecordNotificationTo("");
 }
 
 // ---- Incoming notifications ----
 
-class IncomingNotification : public ConformanceTest {};
+class IncomingNotificationCalls : public ConformanceTest {};
 
-TEST_F(IncomingNotification, GoesToTheHandler) {
+TEST_F(IncomingNotificationCalls, HandlerIsCalled) {
     ConstructReady();
     Record();
     ReceiveSignal(Payload());
     Matches();
 }
 
-TEST_F(IncomingNotification, OfAnyMemberGoesToTheHandler) {
+TEST_F(IncomingNotificationCalls, AnyMemberReachesHandler) {
     ConstructReady();
     Record();
     ReceiveSignal(Payload(), "Other");
     Matches();
 }
 
-TEST_F(IncomingNotification, GoesToTheDefaultHandler) {
+TEST_F(IncomingNotificationCalls, DefaultHandlerIsCalled) {
     ConstructReady(Handlers::Default);
     Record();
     ReceiveSignal(Payload());
     Matches();
 }
 
-TEST_F(IncomingNotification, OfAnotherPathIsIgnored) {
+TEST_F(IncomingNotificationCalls, OtherPathIsIgnored) {
     ConstructReady();
     GVariant* body = g_variant_ref_sink(Payload());
     Record();
@@ -733,7 +753,7 @@ TEST_F(IncomingNotification, OfAnotherPathIsIgnored) {
     Unref(body);
 }
 
-TEST_F(IncomingNotification, WithoutConnectionIsAnError) {
+TEST_F(IncomingNotificationCalls, MissingConnectionIsError) {
     ConstructReady();
     Record();
     Channel::cb_SignalCall(nullptr, ":1.5", channel->m_object_name.c_str(), "an.interface",
@@ -741,7 +761,7 @@ TEST_F(IncomingNotification, WithoutConnectionIsAnError) {
     Matches();
 }
 
-TEST_F(IncomingNotification, WithoutObjectIsAnError) {
+TEST_F(IncomingNotificationCalls, MissingObjectIsError) {
     ConstructReady();
     Record();
     Channel::cb_SignalCall(StubWorld::Connection(), ":1.5", channel->m_object_name.c_str(),
@@ -749,7 +769,7 @@ TEST_F(IncomingNotification, WithoutObjectIsAnError) {
     Matches();
 }
 
-TEST_F(IncomingNotification, OfAnotherTypeIsAnError) {
+TEST_F(IncomingNotificationCalls, WrongTypeIsError) {
     ConstructReady();
     Record();
     ReceiveSignal(g_variant_new_parsed("('text',)"));
@@ -758,9 +778,9 @@ TEST_F(IncomingNotification, OfAnotherTypeIsAnError) {
 
 // ---- Readiness ----
 
-class Readiness : public ConformanceTest {};
+class ReadinessCalls : public ConformanceTest {};
 
-TEST_F(Readiness, DefaultHandlerLogsTheStateAndNotTheName) {
+TEST_F(ReadinessCalls, DefaultHandlerLogsStateWithoutName) {
     Construct(Handlers::Default);
     Record();
     channel->HandleConnectionReady(true, ":1.5");
@@ -768,7 +788,7 @@ TEST_F(Readiness, DefaultHandlerLogsTheStateAndNotTheName) {
     Matches();
 }
 
-TEST_F(Readiness, IsTheLastStateAloneAndAskingLeavesNoTrace) {
+TEST_F(ReadinessCalls, AskingIsSilentAndTrueInLastState) {
     Construct();
     for (int state = Channel::CONNECTION_NOT_STARTED; state <= Channel::CONNECTION_HANDSHAKE_ACK;
          ++state) {
@@ -783,9 +803,9 @@ TEST_F(Readiness, IsTheLastStateAloneAndAskingLeavesNoTrace) {
 
 // ---- The lock ----
 
-class Lock : public ConformanceTest {};
+class LockCalls : public ConformanceTest {};
 
-TEST_F(Lock, IsOnePosixMutexWithDefaultAttributes) {
+TEST_F(LockCalls, OnePosixMutexWithDefaultAttributes) {
     alignas(PTMutex) char storage[sizeof(PTMutex)] = {};
     world.Name(storage, "mutex");
     Record();

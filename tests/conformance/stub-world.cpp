@@ -1,10 +1,11 @@
+// SPDX-License-Identifier: MIT
 #include "tests/conformance/stub-world.h"
 
 #include <algorithm>
 #include <utility>
 
 #include "platform/dlog.h"
-#include "tests/conformance/log-line.h"
+#include "tests/support/device-log.h"
 
 // NOLINTNEXTLINE(bugprone-reserved-identifier): the linker's name of g_variant_unref()
 extern "C" void __real_g_variant_unref(GVariant*);
@@ -43,6 +44,11 @@ std::string OfHandle(pthread_t thread) {
 }
 
 }  // namespace
+
+bool TakeLogLine(int log_id, int priority, const char* tag, const char* text) {
+    const StubWorld::Outside outside;
+    return g_world->Log(log_id, priority, tag, text);
+}
 
 void Unref(GVariant* value) {
     __real_g_variant_unref(value);
@@ -103,6 +109,9 @@ void StubWorld::FailNext(const std::string& function, Failure failure) {
 }
 
 void StubWorld::AnswerWith(GVariant* reply) {
+    if (answer != nullptr) {
+        Unref(answer);
+    }
     answer = g_variant_ref_sink(reply);
 }
 
@@ -118,10 +127,6 @@ std::string StubWorld::Text() const {
     return text;
 }
 
-void StubWorld::Forget() {
-    m_events.clear();
-}
-
 GDBusConnection* StubWorld::Connection() {
     static char connection;
     return reinterpret_cast<GDBusConnection*>(&connection);
@@ -133,6 +138,7 @@ GDBusMethodInvocation* StubWorld::Invocation() {
 }
 
 void StubWorld::Name(const void* object, const std::string& name) {
+    const Outside outside;
     m_names[object] = name;
 }
 
@@ -147,52 +153,72 @@ std::set<std::string> StubWorld::Held() const {
     return held;
 }
 
+std::size_t StubWorld::CountHeld(const std::string& kind) const {
+    const auto is_of_kind = [&](const std::string& name) {
+        return name.compare(0, name.find('#'), kind) == 0;
+    };
+    const auto objects = std::count_if(m_held.begin(), m_held.end(),
+                                       [&](const auto& held) { return is_of_kind(held.second); });
+    const auto ids = std::count_if(m_held_ids.begin(), m_held_ids.end(),
+                                   [&](guint id) { return is_of_kind(m_ids.at(id)); });
+    return static_cast<std::size_t>(objects + ids);
+}
+
 bool StubWorld::Watches(const std::string& name) const {
-    return std::any_of(watched.begin(), watched.end(),
+    return std::any_of(m_watched.begin(), m_watched.end(),
                        [&](const auto& watch) { return watch.second == name; });
 }
 
 // ---- Events ----
 
-std::optional<Failure> StubWorld::Decide(const std::string& function, const std::string& method,
-                                         bool takes_error) {
-    m_failable.push_back({static_cast<int>(m_failable.size()) + 1, function, method, takes_error});
+std::optional<Failure> StubWorld::Decide(const MadeCall& call, Ending ending) {
+    if (on_call) {
+        on_call(call);
+    }
+    switch (ending) {
+        case Ending::Succeeds:
+            return std::nullopt;
+        case Ending::IsRefused:
+            return Failure{false, {}};
+        default:
+            return Plan(call, ending == Ending::MayFailWithError);
+    }
+}
+
+std::optional<Failure> StubWorld::Plan(const MadeCall& call, bool takes_error) {
+    m_failable.push_back({static_cast<int>(m_failable.size()) + 1, call.function, call.method,
+                          call.subject, takes_error});
     return plan ? plan(m_failable.back()) : std::nullopt;
 }
 
-StubWorld::Outcome StubWorld::Begin(const std::string& function,
-                                    const std::vector<std::string>& arguments,
-                                    const std::string& method, const std::string& subject,
-                                    bool failable, bool takes_error) {
-    const std::optional<Failure> failure =
-        failable ? Decide(function, method, takes_error) : std::nullopt;
+void StubWorld::RememberCall(const MadeCall& call, Ending ending,
+                             const std::optional<Failure>& failure,
+                             const std::vector<std::string>& arguments) {
     NoteState();
-    Event event{Event::Kind::Call, function + "(" + Join(arguments) + ")", function};
-    event.method = method;
-    event.subject = subject;
+    Event event{Event::Kind::Call, std::string(call.function) + "(" + Join(arguments) + ")",
+                call.function};
+    event.method = call.method;
+    event.subject = call.subject;
     if (failure) {
         event.failed = true;
-        event.with_error = takes_error && failure->with_error && !failure->code;
+        event.with_error =
+            ending == Ending::MayFailWithError && failure->with_error && !failure->code;
         event.code = failure->code;
     }
     Remember(event);
-    return {failure, m_events.size()};
 }
 
-void StubWorld::End(const Outcome& outcome, const std::string& result) {
-    if (m_recording) {
-        m_events[outcome.event - 1].text += " = " + result;
-    }
-}
-
-void StubWorld::Call(const std::string& function, const std::vector<std::string>& arguments) {
-    Begin(function, arguments);
-}
-
-bool StubWorld::Log(int log_id, int priority, const char* tag, const std::string& text) {
+bool StubWorld::Log(int log_id, int priority, const std::string& tag, const std::string& text) {
+    Demand(log_id == LOG_ID_MAIN, "a line goes to the main buffer");
+    Demand(priority == DLOG_DEBUG || priority == DLOG_ERROR, "a line is for debugging or an error");
+    Demand(tag == "sandrel", "a line carries the tag");
     if (m_channel != nullptr && m_channel_end != nullptr && !m_channel_readable &&
         text.find("] Constructor\n\n") != std::string::npos) {
         m_channel_readable = true;  // all members are initialised by now
+    }
+    const bool fails = Plan({"__dlog_print"}, false).has_value();
+    if (!m_recording) {
+        return !fails;
     }
     std::string shown = text;
     Event event{Event::Kind::Log, "", ""};
@@ -203,16 +229,17 @@ bool StubWorld::Log(int log_id, int priority, const char* tag, const std::string
                 line->message;
     }
     event.priority = priority;
-    event.failed = Decide("__dlog_print", "", false).has_value();
+    event.failed = fails;
     const std::string buffer =
         log_id == LOG_ID_MAIN ? "LOG_ID_MAIN" : "buffer " + std::to_string(log_id);
     const std::string level = priority == DLOG_DEBUG   ? "DLOG_DEBUG"
                               : priority == DLOG_ERROR ? "DLOG_ERROR"
                                                        : "priority " + std::to_string(priority);
-    event.text = "__dlog_print(" + Join({buffer, level, Quoted(tag), Quoted(shown.c_str())}) + ")";
+    event.text =
+        "__dlog_print(" + Join({buffer, level, Quoted(tag.c_str()), Quoted(shown.c_str())}) + ")";
     NoteState();
     Remember(event);
-    return !event.failed;
+    return !fails;
 }
 
 void StubWorld::Handler(const std::string& function, const std::string& arguments) {
@@ -232,9 +259,17 @@ void StubWorld::Remember(Event event) {
     }
 }
 
+void StubWorld::Demand(bool holds, const char* what) {
+    const Outside outside;
+    if (!holds) {
+        m_misuses.emplace_back(what);
+    }
+}
+
 // ---- The channel's members ----
 
 void StubWorld::BeginChannel(TevrolDbusRemote* channel, std::size_t size) {
+    const Outside outside;
     m_channel = channel;
     m_channel_end = reinterpret_cast<const char*>(channel) + size;
     m_channel_readable = false;
@@ -325,11 +360,17 @@ std::string StubWorld::OfError(GError** error) const {
     return *error == nullptr ? "&error" : "&" + Of(*error);
 }
 
-std::string StubWorld::NewName(const std::string& kind) {
-    return kind + "#" + std::to_string(++m_counters[kind]);
+std::string StubWorld::NewName(const char* kind) {
+    return std::string(kind) + "#" + std::to_string(++m_counters[kind]);
 }
 
-void StubWorld::Hold(const void* object, const std::string& name) {
+void StubWorld::Hold(const void* object, const char* kind) {
+    const Outside outside;
+    HoldAs(object, NewName(kind).c_str());
+}
+
+void StubWorld::HoldAs(const void* object, const char* name) {
+    const Outside outside;
     m_names[object] = name;
     m_held[object] = name;
 }
@@ -339,33 +380,89 @@ void StubWorld::Release(const void* object) {
     m_names.erase(object);
 }
 
-guint StubWorld::NewId(const std::string& kind) {
+bool StubWorld::Holds(const void* object) const {
+    return m_held.count(object) != 0;
+}
+
+guint StubWorld::NewId(const char* kind) {
+    const Outside outside;
     const guint id = kFirstId + static_cast<guint>(m_ids.size());
     m_ids[id] = NewName(kind);
     m_held_ids.insert(id);
     return id;
 }
 
-void StubWorld::ReleaseId(guint id) {
+guint StubWorld::Register() {
+    return NewId("registration");
+}
+
+guint StubWorld::Watch(const char* name) {
+    const Outside outside;
+    const guint id = NewId("watch");
+    m_watched[id] = name;
+    return id;
+}
+
+void StubWorld::Unwatch(guint id) {
+    if (m_watched.erase(id) == 1) {
+        m_held_ids.erase(id);
+    }
+}
+
+guint StubWorld::Subscribe(const char* sender) {
+    const Outside outside;
+    const guint id = NewId("subscription");
+    m_subscribed[id] = sender;
+    return id;
+}
+
+void StubWorld::Unsubscribe(guint id) {
+    Demand(m_subscribed.erase(id) == 1, "a subscription is given up once");
     m_held_ids.erase(id);
 }
 
 void StubWorld::SetError(GError** error, int code) {
+    const Outside outside;
     if (error != nullptr) {
         g_set_error_literal(error, G_IO_ERROR, code, "failed on purpose");
-        Hold(*error, NewName("error"));
+        Hold(*error, "error");
     }
 }
 
 GVariant* StubWorld::Reply(GVariant* value) {
+    const Outside outside;
     m_replies.push_back(g_variant_ref_sink(value));
-    Hold(value, NewName("reply"));
+    Hold(value, "reply");
     return g_variant_ref(value);
 }
 
 // Keeps the name: the value lives on here.
 void StubWorld::ReleaseReply(GVariant* value) {
     m_held.erase(value);
+}
+
+// ---- Threads ----
+
+pthread_t StubWorld::StartThread(void* (*start)(void*), void* argument) {
+    const Outside outside;
+    Demand(m_threads.empty(), "there is one resend thread at most");
+    m_threads[++m_last_thread] = {start, argument, false};
+    return m_last_thread;
+}
+
+pthread_t StubWorld::HandleOfNoThread() {
+    const Outside outside;
+    m_handles_of_none.insert(++m_last_thread);
+    return m_last_thread;
+}
+
+void* StubWorld::RunThread(pthread_t thread) {
+    const auto found = m_threads.find(thread);
+    Demand(found != m_threads.end() && !found->second.runs, "the thread that is run is there");
+    found->second.runs = true;
+    void* const result = found->second.start(found->second.argument);
+    m_threads.erase(found);
+    return result;
 }
 
 // ---- The lock ----
@@ -375,6 +472,7 @@ bool StubWorld::OwnsMutex(const void* mutex) const {
 }
 
 bool StubWorld::LockMutex(const void* mutex) {
+    const Outside outside;
     return m_locked.insert(mutex).second;
 }
 

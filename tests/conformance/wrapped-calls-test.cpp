@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Nothing that the channel calls escapes the recorder, and no recording is left over.
 #include <gtest/gtest.h>
 
@@ -55,7 +56,7 @@ Names NeededByTheChannel() {
     return needed;
 }
 
-TEST(WrappedCalls, AreExactlyThoseThatTheChannelsObjectsNeedAndTheLog) {
+TEST(WrappedCalls, AreExactlyThoseOfTheChannelsObjects) {
     Names needed = NeededByTheChannel();
     EXPECT_EQ(needed.erase("__dlog_print"), 1U);  // defined by the test program
     Names wrapped = Words(TEVROL_WRAPPED_CALLS);
@@ -65,7 +66,7 @@ TEST(WrappedCalls, AreExactlyThoseThatTheChannelsObjectsNeedAndTheLog) {
     EXPECT_EQ(needed, wrapped);
 }
 
-TEST(Recordings, BelongToATestEach) {
+TEST(Recordings, EachBelongsToTest) {
     Names tests;
     const testing::UnitTest& all = *testing::UnitTest::GetInstance();
     for (int i = 0; i < all.total_test_suite_count(); ++i) {

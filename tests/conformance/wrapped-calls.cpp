@@ -1,11 +1,11 @@
+// SPDX-License-Identifier: MIT
 // The functions that the channel calls, as the linker redirects them: __wrap_X is what the channel
-// gets, __real_X is the function itself. What each one writes and answers is StubWorld's.
+// gets, __real_X is the function itself. What each one writes and answers is StubWorld's. This file
+// is the list of these functions, too: CMake reads their names from it.
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
-#include <utility>
 
-#include "platform/dlog.h"
 #include "tests/conformance/stub-world.h"
 
 namespace {
@@ -18,26 +18,103 @@ bool Listening() {
     return StubWorld::Current() != nullptr && World().Recording();
 }
 
-std::string Number(long number) {
-    return std::to_string(number);
-}
+// ---- How arguments and results are written down, by their type ----
 
-std::string Hex(int byte) {
-    gchar* text = g_strdup_printf("0x%02x", static_cast<unsigned>(byte));
+struct Word {
+    const char* text;
+};
+struct Id {
+    guint id;
+};
+struct Flags {
+    int flags;
+};
+struct Byte {
+    int byte;
+};
+struct Handle {
+    pthread_t thread;
+};
+
+std::string Shown(Word word) {
+    return word.text;
+}
+std::string Shown(Id id) {
+    return World().OfId(id.id);
+}
+std::string Shown(Flags flags) {
+    return "flags " + std::to_string(flags.flags);
+}
+std::string Shown(Byte byte) {
+    gchar* text = g_strdup_printf("0x%02x", static_cast<unsigned>(byte.byte));
     std::string hex = text;
     g_free(text);
     return hex;
 }
-
-template <typename Function>
-std::string Callback(Function function) {
+std::string Shown(Handle handle) {
+    return "thread#" + std::to_string(handle.thread);
+}
+std::string Shown(long number) {
+    return std::to_string(number);
+}
+std::string Shown(const char* text) {
+    return Quoted(text);
+}
+std::string Shown(const void* object) {
+    return World().Of(object);
+}
+std::string Shown(GVariant* value) {
+    return World().OfValue(value);
+}
+std::string Shown(const GVariantType* type) {
+    return Quoted(g_variant_type_peek_string(type));
+}
+std::string Shown(GError** error) {
+    return World().OfError(error);
+}
+template <typename Result, typename... Parameters>
+std::string Shown(Result (*function)(Parameters...)) {
     return World().Of(reinterpret_cast<const void*>(function));
 }
-
-std::string OfTable(const GDBusInterfaceVTable* table) {
+std::string Shown(const GDBusInterfaceVTable* table) {
     const bool calls_the_channel = table->method_call == &TevrolDbusRemote::cb_MethodCall;
     return World().Of(table) + " {" + (calls_the_channel ? "cb_MethodCall" : "another") + ", " +
-           Callback(table->get_property) + ", " + Callback(table->set_property) + "}";
+           Shown(table->get_property) + ", " + Shown(table->set_property) + "}";
+}
+
+// Nothing is put into words unless it is recorded.
+template <typename... Arguments>
+StubWorld::Outcome Try(const MadeCall& call, Ending ending, Arguments... arguments) {
+    return World().Begin(call, ending,
+                         [&] { return std::vector<std::string>{Shown(arguments)...}; });
+}
+
+// A call that cannot fail.
+template <typename... Arguments>
+StubWorld::Outcome Call(const char* function, Arguments... arguments) {
+    return Try({function}, Ending::Succeeds, arguments...);
+}
+
+template <typename... Parts>
+void End(const StubWorld::Outcome& outcome, Parts... result) {
+    World().End(outcome, [&] { return (Shown(result) + ...); });
+}
+
+void EndFailed(const StubWorld::Outcome& outcome, const char* result, GError** error) {
+    if (!outcome.failure->with_error || error == nullptr) {
+        End(outcome, Word{result});
+        return;
+    }
+    constexpr int kCode = G_IO_ERROR_TIMED_OUT;
+    World().SetError(error, kCode);
+    const void* set = *error;
+    End(outcome, Word{result}, Word{", "}, set, Word{" ["}, long{kCode}, Word{"] "},
+        static_cast<const char*>((*error)->message));
+}
+
+// GIO refuses what is no bus name.
+Ending UnlessRefused(const char* name, Ending ending) {
+    return g_dbus_is_name(name) != FALSE ? ending : Ending::IsRefused;
 }
 
 void Discard(GVariant* floating) {
@@ -46,41 +123,15 @@ void Discard(GVariant* floating) {
     }
 }
 
-// Ends a failed call: the result in case of failure, with the error where one is set.
-void EndFailed(const StubWorld::Outcome& outcome, const std::string& result, GError** error) {
-    if (outcome.failure->with_error && error != nullptr) {
-        constexpr int kCode = G_IO_ERROR_TIMED_OUT;
-        World().SetError(error, kCode);
-        World().End(outcome, result + ", " + World().Of(*error) + " [" + Number(kCode) + "] " +
-                                 Quoted((*error)->message));
-    } else {
-        World().End(outcome, result);
-    }
-}
-
-// A call that holds an id and cannot fail with an error.
-guint TakeId(const StubWorld::Outcome& outcome, const std::string& kind) {
+// What puts(), putchar() and putc() share.
+template <typename Argument>
+int Print(const char* function, Argument argument, int result) {
+    const auto outcome = Try({function}, Ending::MayFail, argument);
     if (outcome.failure) {
-        World().End(outcome, "0");
-        return 0;
-    }
-    const guint id = World().NewId(kind);
-    World().End(outcome, World().OfId(id));
-    return id;
-}
-
-// What puts(), putchar() and putc() share: recorded when it comes from the channel.
-int Print(const std::string& function, const std::string& argument, int result) {
-    const auto outcome = World().Begin(function, {argument}, "", "", true);
-    if (outcome.failure) {
-        World().End(outcome, "EOF");
+        End(outcome, Word{"EOF"});
         return EOF;
     }
     return result;
-}
-
-int PrintByte(int byte) {
-    return Print("putchar", Hex(byte), byte);
 }
 
 }  // namespace
@@ -88,27 +139,14 @@ int PrintByte(int byte) {
 // NOLINTBEGIN(bugprone-reserved-identifier)
 extern "C" {
 
-// ---- The device's log ----
-
-int __dlog_print(int log_id, int priority, const char* tag, const char* format, ...) {
-    va_list args;
-    va_start(args, format);
-    char* text = nullptr;
-    const int length = vasprintf(&text, format, args);
-    va_end(args);
-    const bool written = World().Log(log_id, priority, tag, text);
-    free(text);
-    return written ? length : -1;
-}
-
 // ---- GObject, GError ----
 
 void __wrap_g_type_init() {
-    World().Call("g_type_init", {});
+    Call("g_type_init");
 }
 
 void __wrap_g_object_unref(gpointer object) {
-    World().Call("g_object_unref", {World().Of(object)});
+    Call("g_object_unref", object);
     World().Release(object);
     if (object == StubWorld::Connection()) {
         World().Name(object, "connection");
@@ -117,14 +155,14 @@ void __wrap_g_object_unref(gpointer object) {
 
 void __real_g_error_free(GError*);
 void __wrap_g_error_free(GError* error) {
-    World().Call("g_error_free", {World().Of(error)});
+    Call("g_error_free", error);
     World().Release(error);
     __real_g_error_free(error);
 }
 
 void __real_g_clear_error(GError**);
 void __wrap_g_clear_error(GError** error) {
-    World().Call("g_clear_error", {World().OfError(error)});
+    Call("g_clear_error", error);
     World().Release(*error);
     __real_g_clear_error(error);
 }
@@ -136,12 +174,12 @@ GVariant* __wrap_g_variant_new(const gchar* format, ...) {
     va_start(args, format);
     GVariant* value = g_variant_new_va(format, nullptr, &args);
     va_end(args);
-    World().End(World().Begin("g_variant_new", {Quoted(format)}), World().OfValue(value));
+    End(Call("g_variant_new", format), value);
     return value;
 }
 
 void __wrap_g_variant_get(GVariant* value, const gchar* format, ...) {
-    World().Call("g_variant_get", {World().OfValue(value), Quoted(format)});
+    Call("g_variant_get", value, format);
     va_list args;
     va_start(args, format);
     va_list outputs;
@@ -151,14 +189,14 @@ void __wrap_g_variant_get(GVariant* value, const gchar* format, ...) {
     if (std::string(format) == "(ay)") {
         const auto* iterator = *va_arg(outputs, GVariantIter**);
         if (iterator != nullptr) {
-            World().Hold(iterator, World().NewName("iterator"));
+            World().Hold(iterator, "iterator");
         }
     }
     va_end(outputs);
 }
 
 void __wrap_g_variant_unref(GVariant* value) {
-    World().Call("g_variant_unref", {World().OfValue(value)});
+    Call("g_variant_unref", value);
     World().ReleaseReply(value);
     Unref(value);
 }
@@ -166,25 +204,22 @@ void __wrap_g_variant_unref(GVariant* value) {
 gboolean __real_g_variant_is_of_type(GVariant*, const GVariantType*);
 gboolean __wrap_g_variant_is_of_type(GVariant* value, const GVariantType* type) {
     const gboolean is = __real_g_variant_is_of_type(value, type);
-    World().End(World().Begin("g_variant_is_of_type",
-                              {World().OfValue(value), Quoted(g_variant_type_peek_string(type))}),
-                is != FALSE ? "TRUE" : "FALSE");
+    End(Call("g_variant_is_of_type", value, type), Word{is != FALSE ? "TRUE" : "FALSE"});
     return is;
 }
 
 const gchar* __real_g_variant_get_type_string(GVariant*);
 const gchar* __wrap_g_variant_get_type_string(GVariant* value) {
     const gchar* type = __real_g_variant_get_type_string(value);
-    World().End(World().Begin("g_variant_get_type_string", {World().OfValue(value)}), Quoted(type));
+    End(Call("g_variant_get_type_string", value), type);
     return type;
 }
 
 GVariantBuilder* __real_g_variant_builder_new(const GVariantType*);
 GVariantBuilder* __wrap_g_variant_builder_new(const GVariantType* type) {
     GVariantBuilder* builder = __real_g_variant_builder_new(type);
-    World().Hold(builder, World().NewName("builder"));
-    World().End(World().Begin("g_variant_builder_new", {Quoted(g_variant_type_peek_string(type))}),
-                World().Of(builder));
+    World().Hold(builder, "builder");
+    End(Call("g_variant_builder_new", type), builder);
     return builder;
 }
 
@@ -193,39 +228,37 @@ void __wrap_g_variant_builder_add(GVariantBuilder* builder, const gchar* format,
     va_start(args, format);
     GVariant* value = g_variant_new_va(format, nullptr, &args);
     va_end(args);
-    World().Call("g_variant_builder_add",
-                 {World().Of(builder), Quoted(format), World().OfValue(value)});
+    Call("g_variant_builder_add", builder, format, value);
     g_variant_builder_add_value(builder, value);
 }
 
 void __real_g_variant_builder_unref(GVariantBuilder*);
 void __wrap_g_variant_builder_unref(GVariantBuilder* builder) {
-    World().Call("g_variant_builder_unref", {World().Of(builder)});
+    Call("g_variant_builder_unref", builder);
     World().Release(builder);
     __real_g_variant_builder_unref(builder);
 }
 
 // Right for formats that own nothing ("y"): nothing is kept from one round to the next.
 gboolean __wrap_g_variant_iter_loop(GVariantIter* iterator, const gchar* format, ...) {
-    const auto outcome =
-        World().Begin("g_variant_iter_loop", {World().Of(iterator), Quoted(format)});
+    const auto outcome = Call("g_variant_iter_loop", iterator, format);
     GVariant* value = g_variant_iter_next_value(iterator);
     if (value == nullptr) {
-        World().End(outcome, "FALSE");
+        End(outcome, Word{"FALSE"});
         return FALSE;
     }
     va_list args;
     va_start(args, format);
     g_variant_get_va(value, format, nullptr, &args);
     va_end(args);
-    World().End(outcome, "TRUE, " + World().OfValue(value));
+    End(outcome, Word{"TRUE, "}, value);
     Unref(value);
     return TRUE;
 }
 
 void __real_g_variant_iter_free(GVariantIter*);
 void __wrap_g_variant_iter_free(GVariantIter* iterator) {
-    World().Call("g_variant_iter_free", {World().Of(iterator)});
+    Call("g_variant_iter_free", iterator);
     World().Release(iterator);
     __real_g_variant_iter_free(iterator);
 }
@@ -234,41 +267,39 @@ void __wrap_g_variant_iter_free(GVariantIter* iterator) {
 
 GDBusNodeInfo* __real_g_dbus_node_info_new_for_xml(const gchar*, GError**);
 GDBusNodeInfo* __wrap_g_dbus_node_info_new_for_xml(const gchar* xml, GError** error) {
-    const auto outcome =
-        World().Begin("g_dbus_node_info_new_for_xml", {Quoted(xml), World().OfError(error)});
+    const auto outcome = Call("g_dbus_node_info_new_for_xml", xml, error);
     GDBusNodeInfo* node = __real_g_dbus_node_info_new_for_xml(xml, error);
-    World().Hold(node, "node");
+    World().HoldAs(node, "node");
     World().Name(node->interfaces[0], "node.interfaces[0]");
-    World().End(outcome, "node");
+    End(outcome, Word{"node"});
     return node;
 }
 
 void __real_g_dbus_node_info_unref(GDBusNodeInfo*);
 void __wrap_g_dbus_node_info_unref(GDBusNodeInfo* node) {
-    World().Call("g_dbus_node_info_unref", {World().Of(node)});
+    Call("g_dbus_node_info_unref", node);
     World().Release(node);
     __real_g_dbus_node_info_unref(node);
 }
 
 GDBusConnection* __wrap_g_bus_get_sync(GBusType type, GCancellable* cancellable, GError** error) {
+    const bool is_system = type == G_BUS_TYPE_SYSTEM;
+    World().Demand(is_system, "the channel lives on the system bus");
     const auto outcome =
-        World().Begin("g_bus_get_sync",
-                      {type == G_BUS_TYPE_SYSTEM ? "G_BUS_TYPE_SYSTEM" : "bus type " + Number(type),
-                       World().Of(cancellable), World().OfError(error)},
-                      "", "", true, true);
+        Try({"g_bus_get_sync"}, Ending::MayFailWithError,
+            Word{is_system ? "G_BUS_TYPE_SYSTEM" : "another bus"}, cancellable, error);
     if (outcome.failure) {
         EndFailed(outcome, "null", error);
         return nullptr;
     }
-    World().Hold(StubWorld::Connection(), "connection");
-    World().End(outcome, "connection");
+    World().HoldAs(StubWorld::Connection(), "connection");
+    End(outcome, Word{"connection"});
     return StubWorld::Connection();
 }
 
 const gchar* __wrap_g_dbus_connection_get_unique_name(GDBusConnection* connection) {
     constexpr const char* kOwnName = ":1.1";
-    World().End(World().Begin("g_dbus_connection_get_unique_name", {World().Of(connection)}),
-                Quoted(kOwnName));
+    End(Call("g_dbus_connection_get_unique_name", connection), kOwnName);
     return kOwnName;
 }
 
@@ -277,16 +308,15 @@ guint __wrap_g_dbus_connection_register_object(GDBusConnection* connection, cons
                                                const GDBusInterfaceVTable* vtable,
                                                gpointer user_data, GDestroyNotify free_func,
                                                GError** error) {
-    const auto outcome = World().Begin(
-        "g_dbus_connection_register_object",
-        {World().Of(connection), Quoted(path), World().Of(interface_info), OfTable(vtable),
-         World().Of(user_data), Callback(free_func), World().OfError(error)},
-        "", "", true, true);
+    const auto outcome = Try({"g_dbus_connection_register_object"}, Ending::MayFailWithError,
+                             connection, path, interface_info, vtable, user_data, free_func, error);
     if (outcome.failure) {
         EndFailed(outcome, "0", error);
         return 0;
     }
-    return TakeId(outcome, "registration");
+    const guint id = World().Register();
+    End(outcome, Id{id});
+    return id;
 }
 
 guint __wrap_g_dbus_connection_signal_subscribe(GDBusConnection* connection, const gchar* sender,
@@ -295,19 +325,18 @@ guint __wrap_g_dbus_connection_signal_subscribe(GDBusConnection* connection, con
                                                 GDBusSignalFlags flags,
                                                 GDBusSignalCallback callback, gpointer user_data,
                                                 GDestroyNotify free_func) {
-    return TakeId(
-        World().Begin("g_dbus_connection_signal_subscribe",
-                      {World().Of(connection), Quoted(sender), Quoted(interface_name),
-                       Quoted(member), Quoted(path), Quoted(arg0), "flags " + Number(flags),
-                       Callback(callback), World().Of(user_data), Callback(free_func)},
-                      "", "", true),
-        "subscription");
+    const auto outcome =
+        Try({"g_dbus_connection_signal_subscribe", "", sender},
+            UnlessRefused(sender, Ending::MayFail), connection, sender, interface_name, member,
+            path, arg0, Flags{flags}, callback, user_data, free_func);
+    const guint id = outcome.failure ? 0 : World().Subscribe(sender);
+    End(outcome, Id{id});
+    return id;
 }
 
 void __wrap_g_dbus_connection_signal_unsubscribe(GDBusConnection* connection, guint id) {
-    World().Call("g_dbus_connection_signal_unsubscribe",
-                 {World().Of(connection), World().OfId(id)});
-    World().ReleaseId(id);
+    Call("g_dbus_connection_signal_unsubscribe", connection, Id{id});
+    World().Unsubscribe(id);
 }
 
 guint __wrap_g_bus_watch_name_on_connection(GDBusConnection* connection, const gchar* name,
@@ -315,44 +344,33 @@ guint __wrap_g_bus_watch_name_on_connection(GDBusConnection* connection, const g
                                             GBusNameAppearedCallback appeared,
                                             GBusNameVanishedCallback vanished, gpointer user_data,
                                             GDestroyNotify free_func) {
-    const guint id =
-        TakeId(World().Begin("g_bus_watch_name_on_connection",
-                             {World().Of(connection), Quoted(name), "flags " + Number(flags),
-                              Callback(appeared), Callback(vanished), World().Of(user_data),
-                              Callback(free_func)},
-                             "", "", true),
-               "watch");
-    if (id != 0) {
-        World().watched[id] = name;
-    }
+    const auto outcome =
+        Try({"g_bus_watch_name_on_connection", "", name}, UnlessRefused(name, Ending::MayFail),
+            connection, name, Flags{flags}, appeared, vanished, user_data, free_func);
+    const guint id = outcome.failure ? 0 : World().Watch(name);
+    End(outcome, Id{id});
     return id;
 }
 
 // Ends a watch, and nothing else: to GIO the id of a subscription is unknown.
 void __wrap_g_bus_unwatch_name(guint id) {
-    World().Call("g_bus_unwatch_name", {World().OfId(id)});
-    if (World().watched.erase(id) != 0) {
-        World().ReleaseId(id);
-    }
+    Call("g_bus_unwatch_name", Id{id});
+    World().Unwatch(id);
 }
 
 void __wrap_g_bus_unown_name(guint id) {
-    World().Call("g_bus_unown_name", {World().OfId(id)});
+    Call("g_bus_unown_name", Id{id});
 }
 
 GDBusProxy* __wrap_g_dbus_proxy_new_sync(GDBusConnection* connection, GDBusProxyFlags flags,
                                          GDBusInterfaceInfo* info, const gchar* name,
                                          const gchar* path, const gchar* interface_name,
                                          GCancellable* cancellable, GError** error) {
+    const bool plain = flags == G_DBUS_PROXY_FLAGS_DO_NOT_LOAD_PROPERTIES;
     const auto outcome =
-        World().Begin("g_dbus_proxy_new_sync",
-                      {World().Of(connection),
-                       flags == G_DBUS_PROXY_FLAGS_DO_NOT_LOAD_PROPERTIES
-                           ? "G_DBUS_PROXY_FLAGS_DO_NOT_LOAD_PROPERTIES"
-                           : "flags " + Number(flags),
-                       World().Of(info), Quoted(name), Quoted(path), Quoted(interface_name),
-                       World().Of(cancellable), World().OfError(error)},
-                      "", "", true, true);
+        Try({"g_dbus_proxy_new_sync", "", name}, UnlessRefused(name, Ending::MayFailWithError),
+            connection, Word{plain ? "G_DBUS_PROXY_FLAGS_DO_NOT_LOAD_PROPERTIES" : "other flags"},
+            info, name, path, interface_name, cancellable, error);
     if (outcome.failure) {
         EndFailed(outcome, "null", error);
         return nullptr;
@@ -360,8 +378,8 @@ GDBusProxy* __wrap_g_dbus_proxy_new_sync(GDBusConnection* connection, GDBusProxy
     static char proxies[16];
     static std::size_t next = 0;
     void* proxy = &proxies[next++ % sizeof proxies];
-    World().Hold(proxy, World().NewName("proxy"));
-    World().End(outcome, World().Of(proxy));
+    World().Hold(proxy, "proxy");
+    End(outcome, static_cast<const void*>(proxy));
     return static_cast<GDBusProxy*>(proxy);
 }
 
@@ -372,13 +390,11 @@ GVariant* __wrap_g_dbus_connection_call_sync(GDBusConnection* connection, const 
                                              gint timeout, GCancellable* cancellable,
                                              GError** error) {
     GVariant* subject = g_variant_get_child_value(parameters, 0);
+    World().Demand(connection == StubWorld::Connection(), "the bus is called that was given");
     const auto outcome =
-        World().Begin("g_dbus_connection_call_sync",
-                      {World().Of(connection), Quoted(name), Quoted(path), Quoted(interface_name),
-                       Quoted(method), World().OfValue(parameters),
-                       Quoted(g_variant_type_peek_string(reply_type)), "flags " + Number(flags),
-                       Number(timeout), World().Of(cancellable), World().OfError(error)},
-                      method, g_variant_get_string(subject, nullptr), true, true);
+        Try({"g_dbus_connection_call_sync", method, g_variant_get_string(subject, nullptr)},
+            Ending::MayFailWithError, connection, name, path, interface_name, method, parameters,
+            reply_type, Flags{flags}, long{timeout}, cancellable, error);
     Unref(subject);
     Discard(parameters);
     if (outcome.failure && !outcome.failure->code) {
@@ -388,30 +404,29 @@ GVariant* __wrap_g_dbus_connection_call_sync(GDBusConnection* connection, const 
     const guint32 code = outcome.failure ? *outcome.failure->code : 1;
     GVariant* reply = g_variant_new_parsed("(%u,)", code);
     GVariant* held = World().Reply(reply);
-    World().End(outcome, World().Of(reply) + " (uint32 " + std::to_string(code) + ",)");
+    End(outcome, reply, Word{" (uint32 "}, long{code}, Word{",)"});
     return held;
 }
 
 GVariant* __wrap_g_dbus_proxy_call_sync(GDBusProxy* proxy, const gchar* method,
                                         GVariant* parameters, GDBusCallFlags flags, gint timeout,
                                         GCancellable* cancellable, GError** error) {
-    const auto outcome = World().Begin(
-        "g_dbus_proxy_call_sync",
-        {World().Of(proxy), Quoted(method), World().OfValue(parameters), "flags " + Number(flags),
-         Number(timeout), World().Of(cancellable), World().OfError(error)},
-        "", "", true, true);
+    World().Demand(World().Holds(proxy), "a request goes through the proxy that is held");
+    const auto outcome =
+        Try({"g_dbus_proxy_call_sync", method, "", parameters}, Ending::MayFailWithError, proxy,
+            method, parameters, Flags{flags}, long{timeout}, cancellable, error);
     if (outcome.failure) {
         Discard(parameters);
         EndFailed(outcome, "null", error);
         return nullptr;
     }
     GVariant* value = World().answer != nullptr ? World().answer : parameters;
-    const std::string content = World().OfValue(value);
+    const std::string content = World().Recording() ? World().OfValue(value) : "";
     GVariant* held = World().Reply(value);
     if (value != parameters) {
         Discard(parameters);
     }
-    World().End(outcome, World().Of(value) + " " + content);
+    End(outcome, value, Word{" "}, Word{content.c_str()});
     return held;
 }
 
@@ -419,24 +434,23 @@ gboolean __wrap_g_dbus_connection_emit_signal(GDBusConnection* connection, const
                                               const gchar* path, const gchar* interface_name,
                                               const gchar* signal, GVariant* parameters,
                                               GError** error) {
-    const auto outcome = World().Begin(
-        "g_dbus_connection_emit_signal",
-        {World().Of(connection), Quoted(destination), Quoted(path), Quoted(interface_name),
-         Quoted(signal), World().OfValue(parameters), World().OfError(error)},
-        "", "", true, true);
+    World().Demand(connection == StubWorld::Connection(), "the bus is called that was given");
+    const auto outcome = Try({"g_dbus_connection_emit_signal", signal, destination, parameters},
+                             Ending::MayFailWithError, connection, destination, path,
+                             interface_name, signal, parameters, error);
     Discard(parameters);
     if (outcome.failure) {
         EndFailed(outcome, "FALSE", error);
         return FALSE;
     }
-    World().End(outcome, "TRUE");
+    End(outcome, Word{"TRUE"});
     return TRUE;
 }
 
 void __wrap_g_dbus_method_invocation_return_value(GDBusMethodInvocation* invocation,
                                                   GVariant* value) {
-    World().Call("g_dbus_method_invocation_return_value",
-                 {World().Of(invocation), World().OfValue(value)});
+    Try({"g_dbus_method_invocation_return_value", "", "", value}, Ending::Succeeds, invocation,
+        value);
     Discard(value);
 }
 
@@ -445,37 +459,39 @@ void __wrap_g_dbus_method_invocation_return_value(GDBusMethodInvocation* invocat
 // Starts nothing: a thread's work is done when somebody joins it.
 int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
                           void* (*start)(void*), void* argument) {
-    const auto outcome = World().Begin(
-        "pthread_create",
-        {World().Of(thread), World().Of(attributes), Callback(start), World().Of(argument)}, "", "",
-        true);
+    World().Demand(*thread == 0, "a thread is started where none is recorded");
+    const auto outcome =
+        Try({"pthread_create"}, Ending::MayFail, thread, attributes, start, argument);
     if (outcome.failure) {
-        World().End(outcome, "EAGAIN");
+        if (outcome.failure->writes_handle) {
+            *thread = World().HandleOfNoThread();
+        }
+        End(outcome, Word{"EAGAIN"});
         return EAGAIN;
     }
-    *thread = World().threads.size() + 1;
-    World().threads[*thread] = {start, argument};
-    World().End(outcome, "0");
+    *thread = World().StartThread(start, argument);
+    End(outcome, Word{"0"});
     return 0;
 }
 
 int __wrap_pthread_join(pthread_t thread, void** result) {
-    World().Call("pthread_join", {"thread#" + std::to_string(thread), World().Of(result)});
-    const auto found = World().threads.find(thread);
-    if (found != World().threads.end()) {
-        found->second.start(found->second.argument);
+    const auto outcome = Call("pthread_join", Handle{thread}, result);
+    if (World().Threads().count(thread) == 0) {
+        End(outcome, Word{"ESRCH"});
+        return ESRCH;
     }
+    World().RunThread(thread);
     return 0;
 }
 
 int __wrap_usleep(useconds_t microseconds) {
-    const auto outcome = World().Begin("usleep", {Number(microseconds)}, "", "", true);
+    const auto outcome = Try({"usleep"}, Ending::MayFail, long{microseconds});
     ++World().sleeps;
     if (World().on_sleep) {
         World().on_sleep(World().sleeps);
     }
     if (outcome.failure) {
-        World().End(outcome, "-1");
+        End(outcome, Word{"-1"});
         errno = EINTR;
         return -1;
     }
@@ -487,7 +503,7 @@ int __wrap_pthread_mutex_init(pthread_mutex_t* mutex, const pthread_mutexattr_t*
     if (StubWorld::Current() == nullptr || !World().OwnsMutex(mutex)) {
         return __real_pthread_mutex_init(mutex, attributes);
     }
-    World().Call("pthread_mutex_init", {World().Of(mutex), World().Of(attributes)});
+    Call("pthread_mutex_init", mutex, attributes);
     return 0;
 }
 
@@ -499,7 +515,7 @@ int __wrap_pthread_mutex_destroy(pthread_mutex_t* mutex) {
     // The channel's map is gone by now, its other members are not.
     World().NoteState(false);
     World().EndChannel();
-    World().Call("pthread_mutex_destroy", {World().Of(mutex)});
+    Call("pthread_mutex_destroy", mutex);
     World().Release(mutex);
     return 0;
 }
@@ -509,9 +525,9 @@ int __wrap_pthread_mutex_lock(pthread_mutex_t* mutex) {
     if (StubWorld::Current() == nullptr || !World().OwnsMutex(mutex)) {
         return __real_pthread_mutex_lock(mutex);
     }
-    const auto outcome = World().Begin("pthread_mutex_lock", {World().Of(mutex)});
+    const auto outcome = Call("pthread_mutex_lock", mutex);
     if (!World().LockMutex(mutex)) {
-        World().End(outcome, "never: it is held");
+        End(outcome, Word{"never: it is held"});
     }
     return 0;
 }
@@ -521,9 +537,9 @@ int __wrap_pthread_mutex_trylock(pthread_mutex_t* mutex) {
     if (StubWorld::Current() == nullptr || !World().OwnsMutex(mutex)) {
         return __real_pthread_mutex_trylock(mutex);
     }
-    const auto outcome = World().Begin("pthread_mutex_trylock", {World().Of(mutex)});
+    const auto outcome = Call("pthread_mutex_trylock", mutex);
     const bool taken = World().LockMutex(mutex);
-    World().End(outcome, taken ? "0" : "EBUSY");
+    End(outcome, Word{taken ? "0" : "EBUSY"});
     return taken ? 0 : EBUSY;
 }
 
@@ -532,9 +548,9 @@ int __wrap_pthread_mutex_unlock(pthread_mutex_t* mutex) {
     if (StubWorld::Current() == nullptr || !World().OwnsMutex(mutex)) {
         return __real_pthread_mutex_unlock(mutex);
     }
-    const auto outcome = World().Begin("pthread_mutex_unlock", {World().Of(mutex)});
+    const auto outcome = Call("pthread_mutex_unlock", mutex);
     if (!World().UnlockMutex(mutex)) {
-        World().End(outcome, "refused: it is not held");
+        End(outcome, Word{"refused: it is not held"});
     }
     return 0;
 }
@@ -543,18 +559,19 @@ int __wrap_pthread_mutex_unlock(pthread_mutex_t* mutex) {
 
 int __real_puts(const char*);
 int __wrap_puts(const char* text) {
-    return Listening() ? Print("puts", Quoted(text), 1) : __real_puts(text);
+    return Listening() ? Print("puts", text, 1) : __real_puts(text);
 }
 
 int __real_putchar(int);
 int __wrap_putchar(int byte) {
-    return Listening() ? PrintByte(byte) : __real_putchar(byte);
+    return Listening() ? Print("putchar", Byte{byte}, byte) : __real_putchar(byte);
 }
 
 // What an optimising compiler makes of putchar().
 int __real_putc(int, FILE*);
 int __wrap_putc(int byte, FILE* stream) {
-    return Listening() && stream == stdout ? PrintByte(byte) : __real_putc(byte, stream);
+    return Listening() && stream == stdout ? Print("putchar", Byte{byte}, byte)
+                                           : __real_putc(byte, stream);
 }
 
 }  // extern "C"

@@ -1,10 +1,12 @@
 """The commands in the pages work: each sh block is run in a copy of the source, or stands below with
-the reason why not. A block that is neither fails the test, so that no new one goes unnoticed.
+the reason why not. A block that is neither fails the test, so that no new one goes unnoticed. Calls of
+ctest within the text select tests.
 
 Usage: commands.py SOURCE_FOLDER BUILD_FOLDER
 """
 
 import os
+import re
 import shutil
 import subprocess
 import tempfile
@@ -16,7 +18,8 @@ ELSEWHERE = {
     "./scripts/demo.sh ": "CI runs both scripts first",
     "ctest --preset asan": "takes minutes; scripts/check.sh and scripts/check-long.sh do the same",
     "./scripts/bench.sh ": "takes minutes; the benchmarks are built and run by that script alone",
-    "(cd build/package && cpack -G DEB)": "takes minutes; scripts/check-packages.sh does the same",
+    "dpkg-buildpackage": "takes minutes; scripts/clean-root.sh packages does the same",
+    "ctest --preset dev -L unit": "this test is part of such a run",
 }
 
 # In the order in which they need each other: a line of the block, what to replace in it, and what
@@ -26,16 +29,17 @@ RUN = [
     ("DTEVROL_BULK_PAYLOADS=ON", {"-B build/install": "-B build/bulk"}, "converted in one copy"),
     ("g++ -std=c++17 application.cpp", {}, ""),
     # Beside the application above, which others below run.
-    ("src/*/*.cpp", {"-o application": "-o from-source && test -x from-source"}, ""),
+    ("src/ipc/*.cpp", {"-o application": "-o from-source && test -x from-source"}, ""),
     ("g++ -std=c++17 threaded.cpp", {}, ""),
     ("./threaded & application", {}, "reply: report 2"),
-    ("build/dev/examples/minimal",
-     {"cmake --preset dev && cmake --build --preset dev": ":", "build/dev/": "$BUILD/"},
-     "announced SYN"),
+    ("build/demo/examples/minimal",
+     {"cmake --preset demo && cmake --build --preset demo": ":", "build/demo/": "$BUILD/"},
+     'reply: 8 bytes "desserts"'),
+    ("build/demo/examples/product-client", {"build/demo/": "$BUILD/"}, "now 21"),
     ("tevrolctl check demo",
      {"tevrolctl check": "tevrolctl check --wait 0 --private-bus", "demo\n": "demo || [ $? = 4 ]\n"},
      "demo"),
-    ("cmake --install build/package", {"build/package": "build/install"}, "org.ulmar.Tevrol.conf"),
+    ("cmake --install build/install --component", {}, "org.ulmar.Tevrol.conf"),
     ("systemd-analyze security", {}, "Overall exposure level"),
     ("dbus-send --system", {"dbus-send": "tevrol-private-bus dbus-send"}, "method return"),
     ("git archive", {"git archive": "git --git-dir=\"$GIT\" archive"}, ""),
@@ -85,7 +89,7 @@ with tempfile.TemporaryDirectory() as folder:
     git = git_folder()
     variables = {
         "PREFIX": prefix, "BUILD": str(BUILD), "GIT": git or "",
-        "PATH": f"{BUILD}/tools:{BUILD}/partner:{os.environ['PATH']}",
+        "PATH": f"{BUILD}/programs:{os.environ['PATH']}",
         "PKG_CONFIG_PATH": ":".join(f"{library}/pkgconfig" for library in libraries),
     }
     for part, changes, expected in RUN:
@@ -110,6 +114,11 @@ with tempfile.TemporaryDirectory() as folder:
     with open(os.path.join(project, "CMakeLists.txt"), "w", encoding="utf-8") as file:
         file.write(CMAKE_LISTS + lines[0])
     sh('cmake -S . -B build -DCMAKE_PREFIX_PATH="$PREFIX" && cmake --build build', project, variables)
+
+for page in PAGES:
+    for selection in re.findall(r"`ctest --preset dev ([^`]+)`", page.read_text()):
+        listed = sh(f"ctest -N {selection}".replace("\\|", "|"), BUILD, {})
+        check("Total Tests: 0" not in listed, f"{page.name} selects tests by {selection}")
 
 check(not shown, "blocks that are neither run nor named here:\n" + "\n".join(shown))
 finish()

@@ -1,4 +1,5 @@
-"""Links lead somewhere, and programs in the pages are the ones that the build compiles.
+"""Links lead somewhere, scripts and tests that a page names exist, and programs in the pages are the ones
+that the build compiles.
 
 Usage: links.py SOURCE_FOLDER BUILD_FOLDER
 """
@@ -27,6 +28,18 @@ for page in PAGES:
         check(target.exists(), f"{page.name} links {link}")
         if anchor and target.exists():
             check(anchor in anchors(target), f"{page.name} links {link}: no such heading")
+
+for page in PAGES:
+    for script in re.findall(r"\bscripts/[\w.-]*\w", page.read_text()):
+        check((SOURCE / script).exists(), f"{page.name} names {script}")
+
+# Tests stand in brackets, by a part of their name.
+tests = [".".join(names) for source in (SOURCE / "tests").rglob("*.cpp")
+         for names in re.findall(r"^TEST\w*\(\s*(\w+),\s*(\w+)\)", source.read_text(), re.M)]
+for page in PAGES:
+    for brackets in re.findall(r"\[(`[^\]]*)\](?!\()", without_code(page)):
+        for name in re.findall(r"`([\w.]+)", brackets):
+            check(any(name in test for test in tests), f"{page.name} names a test: {name}")
 
 for page, example in [("README.md", "minimal.cpp"), ("docs/guide.md", "threaded.cpp")]:
     shown = blocks(SOURCE / page, "cpp")

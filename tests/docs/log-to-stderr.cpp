@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The channel's log on standard error: D or E, and the line.
 #include <platform/dlog.h>
 

@@ -6,7 +6,8 @@ import sys
 
 SOURCE = pathlib.Path(sys.argv[1])
 BUILD = pathlib.Path(sys.argv[2])
-PAGES = [SOURCE / "README.md", *sorted((SOURCE / "docs").glob("*.md"))]
+PAGES = [SOURCE / "README.md", SOURCE / "ARCHITECTURE.md", SOURCE / "CONTRIBUTING.md",
+         *sorted((SOURCE / "docs").glob("*.md"))]
 
 failures = []
 

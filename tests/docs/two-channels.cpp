@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A mistake: two channels of one name in one process.
 #include <ipc/tevrol-dbus-remote.h>
 

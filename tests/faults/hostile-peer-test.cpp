@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Peers that send what no partner sends. A peer is a connection to the bus: whether two of them
 // live in one process or in two, the bus and this end cannot tell.
 #include <linux/sockios.h>
@@ -10,10 +11,10 @@
 #include <fstream>
 #include <iostream>
 
+#include "devkit/partner-process.h"
 #include "tests/support/channel-test.h"
 #include "tests/support/gio-calls.h"
 #include "tests/support/stranger.h"
-#include "tools/partner-process.h"
 
 namespace {
 
@@ -89,7 +90,7 @@ protected:
     }
 };
 
-TEST_P(WrongType, InAReplyIsAFailureThatTheLogNames) {
+TEST_P(WrongType, InReplyIsLoggedFailure) {
     TestChannel channel;
     TestPartner partner;
     Connect(partner, channel);
@@ -104,7 +105,7 @@ TEST_P(WrongType, InAReplyIsAFailureThatTheLogNames) {
     EXPECT_EQ(channel.SendMessage(request), request);
 }
 
-TEST_P(WrongType, InANotificationIsDroppedAndTheLogNamesIt) {
+TEST_P(WrongType, InNotificationIsLoggedAndDropped) {
     TestChannel channel;
     TestPartner partner;
     Connect(partner, channel);
@@ -115,7 +116,7 @@ TEST_P(WrongType, InANotificationIsDroppedAndTheLogNamesIt) {
     EXPECT_THAT(channel.Notifications(), ElementsAre(ToBytes("proper")));
 }
 
-TEST_P(WrongType, InARequestIsAnsweredByAnErrorAndReachesNobody) {
+TEST_P(WrongType, InRequestGetsError) {
     TestChannel channel;
     TestPartner partner;
     Connect(partner, channel);
@@ -136,7 +137,7 @@ GVariant* Payload(const char* text) {
     return g_variant_new("(@ay)", g_variant_new_bytestring(text));
 }
 
-TEST_F(HostilePeer, SignalsOfAThirdProcessReachNobody) {
+TEST_F(HostilePeer, SignalsOfThirdProcessAreIgnored) {
     TestChannel channel;
     TestPartner partner;
     Connect(partner, channel);
@@ -158,7 +159,7 @@ TEST_F(HostilePeer, SignalsOfAThirdProcessReachNobody) {
     EXPECT_EQ(LogOf("cb_SignalCall").size(), 1U);
 }
 
-TEST_F(HostilePeer, RequestsOfAStrangerAreServedBoundOrNot) {
+TEST_F(HostilePeer, StrangersRequestsAreServed) {
     TestChannel channel;
     TestPartner stranger("other");
     stranger.Join();
@@ -178,7 +179,7 @@ TEST_F(HostilePeer, RequestsOfAStrangerAreServedBoundOrNot) {
     EXPECT_THAT(channel.Requests(), ElementsAre(ToBytes("before"), ToBytes("after")));
 }
 
-TEST_F(HostilePeer, AForgedChangeOfOwnerIsIgnored) {
+TEST_F(HostilePeer, ForgedNameOwnerChangedIsIgnored) {
     TestChannel channel;
     Stranger stranger(bus.Address());
     const Arrivals forged(connection, stranger.UniqueName());
@@ -223,7 +224,7 @@ protected:
     }
 };
 
-TEST_F(HostilePulses, DuplicatedBindOnceAndTellReadyForEachAck) {
+TEST_F(HostilePulses, DuplicatesBindOnceAndTellEachAck) {
     TestChannel channel;
     Stranger peer(bus.Address());
     Announce(peer, kSyn);
@@ -238,7 +239,7 @@ TEST_F(HostilePulses, DuplicatedBindOnceAndTellReadyForEachAck) {
     EXPECT_EQ(Announcements(), 2U);
 }
 
-TEST_F(HostilePulses, OutOfOrderNeitherCompleteNorReplace) {
+TEST_F(HostilePulses, OutOfOrderPulsesNeitherCompleteNorReplace) {
     TestChannel channel;
     Stranger peer(bus.Address());
     Announce(peer, kAck);  // nobody is bound
@@ -254,7 +255,7 @@ TEST_F(HostilePulses, OutOfOrderNeitherCompleteNorReplace) {
     EXPECT_EQ(Announcements(), 2U);  // the SYN and one ACK
 }
 
-TEST_F(HostilePulses, OfTwoInterleavedPeersBindTheFirstAndTheAckOfEitherCompletes) {
+TEST_F(HostilePulses, InterleavedPeersBindFirstAndEitherAckCompletes) {
     TestChannel channel;
     Stranger first(bus.Address());
     {
@@ -281,7 +282,7 @@ TEST_F(HostilePulses, OfTwoInterleavedPeersBindTheFirstAndTheAckOfEitherComplete
     EXPECT_TRUE(channel.IsConnectionReady());  // the second has left, the first has not
 }
 
-TEST_F(HostilePulses, AnAcquisitionWithoutTheReleaseBindsNobodyUntilItsOwnerLeavesAndIsLost) {
+TEST_F(HostilePulses, AcquisitionBindsNobodyUntilOwnerLeaves) {
     TestChannel channel;
     std::string name;
     {
@@ -340,7 +341,7 @@ struct CountingChannel : TestChannel {
     bool in_order = true;
 };
 
-TEST_F(HostilePeer, AFloodOfNotificationsFromThePartnerArrivesInOrder) {
+TEST_F(HostilePeer, FloodFromPartnerArrivesInOrder) {
     CountingChannel channel;
     TestPartner partner;
     Connect(partner, channel);
@@ -359,7 +360,7 @@ TEST_F(HostilePeer, AFloodOfNotificationsFromThePartnerArrivesInOrder) {
 
 // Not paced, and this end's loop does not run: GIO's own thread takes all from the bus, and this
 // process keeps it until the loop runs.
-TEST_F(HostilePeer, AFloodFromThePartnerWhileTheLoopStandsStillWaitsInThisProcess) {
+TEST_F(HostilePeer, FloodFromPartnerWaitsHereForTheLoop) {
     CountingChannel channel;
     TestPartner partner;
     Connect(partner, channel);
@@ -381,7 +382,7 @@ TEST_F(HostilePeer, AFloodFromThePartnerWhileTheLoopStandsStillWaitsInThisProces
     EXPECT_TRUE(channel.in_order);
 }
 
-TEST_F(HostilePeer, AFloodOfNotificationsToThePartnerArrivesInOrder) {
+TEST_F(HostilePeer, FloodToPartnerArrivesInOrder) {
     TestChannel channel;
     std::atomic<int> count{0};
     std::atomic<bool> in_order{true};
@@ -436,7 +437,7 @@ unsigned HeldByTheBus(const tevrol::PrivateBus& bus, const std::string& sender) 
 // Not paced: the bus holds what a receiver does not read up to its limit, 127 MiB for each sender,
 // and then reads no more of that sender, who is held up with all that it asks of the bus. Nothing
 // is lost; the rest waits in the sender's memory.
-TEST_F(HostilePeer, AFloodToAPartnerThatDoesNotReadHoldsUpTheSenderAtTheLimitOfTheBus) {
+TEST_F(HostilePeer, FloodToStoppedReaderWaitsAtBusLimit) {
     constexpr unsigned kMegabyte = 1U << 20;
     constexpr unsigned kLimit = 127 * kMegabyte;
     constexpr int kSent = 160;
@@ -509,7 +510,7 @@ protected:
 // Once what a sender has waiting in the bus reaches the limit, the bus reads no more of that
 // sender. But it reads in pieces: a small message that came whole with the end of the one before it
 // is taken up only when the sender sends again.
-TEST_F(BusWithLittleRoom, AMessageBehindTheOneThatFillsItWaitsForTheNextOne) {
+TEST_F(BusWithLittleRoom, MessageBehindFullQueueWaitsForNext) {
     TestChannel channel;
     tevrol::PartnerProcess partner(TEVROL_PARTNER_PROGRAM, "demo");
     ASSERT_TRUE(IterateUntil(

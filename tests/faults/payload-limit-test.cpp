@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Payloads of every size, on every route between the two ends, up to the byte at which the bus
 // refuses them.
 //
@@ -227,24 +228,24 @@ protected:
 class PayloadOutAtLowLimit : public PayloadAtLowLimit {};
 class PayloadInAtLowLimit : public PayloadAtLowLimit {};
 
-TEST_P(PayloadAtLowLimit, ArrivesUnchangedOneByteBelowIt) {
+TEST_P(PayloadAtLowLimit, OneByteBelowArrives) {
     Connect();
     const Bytes payload = Pattern(Largest(GetParam(), kLowLimit) - 1);
     EXPECT_TRUE(Carry(GetParam(), payload) == payload);
 }
 
-TEST_P(PayloadAtLowLimit, ArrivesUnchangedExactlyAtIt) {
+TEST_P(PayloadAtLowLimit, ExactlyAtLimitArrives) {
     Connect();
     const Bytes payload = Pattern(Largest(GetParam(), kLowLimit));
     EXPECT_TRUE(Carry(GetParam(), payload) == payload);
 }
 
-TEST_P(PayloadOutAtLowLimit, EndsTheProcessOneByteAboveIt) {
+TEST_P(PayloadOutAtLowLimit, OneByteAboveEndsProcess) {
     PrepareDeath();
     EXPECT_EXIT(Exceed(GetParam(), kLowLimit), testing::KilledBySignal(SIGTERM), "connected");
 }
 
-TEST_P(PayloadOutAtLowLimit, CostsAnApplicationThatLivesOnItsConnectionOneByteAboveIt) {
+TEST_P(PayloadOutAtLowLimit, OneByteAboveCostsSurvivorItsConnection) {
     Connect();
     const Bytes payload = Pattern(Largest(GetParam(), kLowLimit) + 1);
     EXPECT_EQ(Carry(GetParam(), payload), std::nullopt);
@@ -256,7 +257,7 @@ TEST_P(PayloadOutAtLowLimit, CostsAnApplicationThatLivesOnItsConnectionOneByteAb
     EXPECT_EQ(Errors().size(), 1U);
 }
 
-TEST_P(PayloadInAtLowLimit, CostsThePartnerItsConnectionOneByteAboveItAndTheNextIsFound) {
+TEST_P(PayloadInAtLowLimit, OneByteAboveCostsPartnerItsConnection) {
     Connect();
     const Bytes payload = Pattern(Largest(GetParam(), kLowLimit) + 1);
     EXPECT_EQ(Carry(GetParam(), payload), std::nullopt);
@@ -286,30 +287,30 @@ protected:
     }
 };
 
-TEST_F(StockLimit, LetsInOneByteBelow) {
+TEST_F(StockLimit, IncomingOneByteBelowArrives) {
     ExpectArrival(Route::NotificationIn, 1);
 }
 
-TEST_F(StockLimit, LetsInExactlyThatMuch) {
+TEST_F(StockLimit, IncomingExactlyAtLimitArrives) {
     ExpectArrival(Route::NotificationIn, 0);
 }
 
-TEST_F(StockLimit, CutsOffThePartnerForOneByteMore) {
+TEST_F(StockLimit, IncomingOneByteAboveCutsOffPartner) {
     Connect();
     const Bytes payload = Pattern(Largest(Route::NotificationIn, kStockLimit) + 1);
     EXPECT_EQ(Carry(Route::NotificationIn, payload), std::nullopt);
     EXPECT_TRUE(IterateUntil([&] { return !channel.IsConnectionReady(); }));
 }
 
-TEST_F(StockLimit, LetsOutOneByteBelow) {
+TEST_F(StockLimit, OutgoingOneByteBelowArrives) {
     ExpectArrival(Route::NotificationOut, 1);
 }
 
-TEST_F(StockLimit, LetsOutExactlyThatMuch) {
+TEST_F(StockLimit, OutgoingExactlyAtLimitArrives) {
     ExpectArrival(Route::NotificationOut, 0);
 }
 
-TEST_F(StockLimit, EndsTheProcessForOneByteMore) {
+TEST_F(StockLimit, OutgoingOneByteAboveEndsProcess) {
     PrepareDeath();
     EXPECT_EXIT(Exceed(Route::NotificationOut, kStockLimit), testing::KilledBySignal(SIGTERM),
                 "connected");

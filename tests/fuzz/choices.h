@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What a fuzzer's bytes decide: each choice takes the next of them.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Runs a fuzz target once over each file of the folders named as arguments: the corpus as a test.
 #include <cstdint>
 #include <filesystem>

@@ -1,6 +1,7 @@
+// SPDX-License-Identifier: MIT
 // Any sequence of what the bus, the application and the resend thread can do to a channel. After
 // each event, what must always hold is looked at.
-#include <cstdarg>
+#include <algorithm>
 #include <cstdio>
 #include <memory>
 #include <optional>
@@ -8,14 +9,11 @@
 #include <utility>
 
 #include "ipc/tevrol-dbus-remote.h"
-#include "platform/dlog.h"
-#include "tests/fuzz/choices.h"
-#include "tests/fuzz/fake-bus.h"
+#include "tests/fuzz/chosen-world.h"
 
 namespace {
 
 using C = TevrolDbusRemote;
-using fake_bus::State;
 
 constexpr const char* kPath = "/org/ulmar/tevrol/CommunicationChannel/demo";
 constexpr const char* kInterface = "org.ulmar.tevrol.DbusCommunication";
@@ -45,21 +43,23 @@ public:
 
 class Run {
 public:
-    explicit Run(Choices& choices) : m_choices(choices) {
-        fake_bus::Begin(choices, [this] { WhileTheThreadSleeps(); });
+    explicit Run(Choices& choices) : m_choices(choices), m_world(choices) {
+        m_world.stub.on_sleep = [this](int) { WhileTheThreadSleeps(); };
         m_channel = std::make_unique<Channel>();
         Check();
     }
 
     ~Run() {
-        const bool connected = State().connection != nullptr;
         m_channel.reset();
-        Require(!State().thread, "the resend thread is gone with the object");
-        Require(State().proxies == 0, "the proxy is gone with the object");
-        Require(State().watches.empty(), "the watch is gone with the object");
-        Require(State().subscriptions.size() == (connected ? 3 : 0),
+        Require(!m_world.HasThread(), "the resend thread is gone with the object");
+        Require(m_world.stub.Watched().empty(), "the watch is gone with the object");
+        Require(m_world.stub.Subscribed().size() == (m_world.connected ? 3 : 0),
                 "the three subscriptions to the partner's names stay, and no other");
-        fake_bus::End();
+        for (const std::string& held : m_world.stub.Held()) {
+            Require(IsOneOf(held, {"registration", "subscription", "reply"}),
+                    "nothing else is left over");
+        }
+        RequireNoMisuse();
     }
     Run(const Run&) = delete;
     Run& operator=(const Run&) = delete;
@@ -79,7 +79,7 @@ private:
     }
 
     void Step() {
-        if (State().connection == nullptr) {
+        if (!m_world.connected) {
             UseChannel();  // nothing else reaches it
         } else {
             switch (m_choices.Below(8)) {
@@ -108,7 +108,7 @@ private:
     }
 
     GDBusConnection* Connection() {
-        return m_choices.OneIn(16) ? nullptr : State().connection;
+        return m_choices.OneIn(16) ? nullptr : StubWorld::Connection();
     }
     Channel* UserData() {
         return m_choices.OneIn(16) ? nullptr : m_channel.get();
@@ -118,7 +118,7 @@ private:
     std::string Owner() {
         switch (m_choices.Below(8)) {
             case 0:
-                return fake_bus::kOwnName;
+                return ChosenWorld::kOwnName;
             case 1:
             case 2:
             case 3:
@@ -182,8 +182,8 @@ private:
     }
 
     void RunThread() {
-        if (State().thread && !State().thread_runs) {
-            fake_bus::RunThread();
+        if (m_world.HasThread() && !m_world.ThreadRuns()) {
+            m_world.RunThread();
             return;
         }
         const guint8 remaining = C::OnResendHandshake(m_channel.get());
@@ -198,19 +198,18 @@ private:
 
     // GIO refuses bodies of another type, and everything where nothing is registered.
     void Request() {
-        if (State().registrations == 0) {
+        if (!m_world.registered) {
             return;
         }
         GVariant* body = g_variant_ref_sink(AnyPayload(m_choices));
         GDBusConnection* connection = Connection();
         Channel* user_data = UserData();
         const char* path = Path();
-        // Passed on unused.
-        auto* invocation = reinterpret_cast<GDBusMethodInvocation*>(m_channel.get());
-        C::cb_MethodCall(connection, ":1.1", path, kInterface, "Send", body, invocation, user_data);
+        C::cb_MethodCall(connection, ":1.1", path, kInterface, "Send", body,
+                         StubWorld::Invocation(), user_data);
         const bool taken = connection != nullptr && user_data != nullptr && path == kPath;
         RequireTaken(m_channel->requests, taken ? std::optional(BytesOf(body)) : std::nullopt);
-        RequireTaken(State().answers, taken ? std::optional(BytesOf(body)) : std::nullopt);
+        RequireTaken(m_world.answers, taken ? std::optional(BytesOf(body)) : std::nullopt);
         g_variant_unref(body);
     }
 
@@ -232,8 +231,8 @@ private:
         if (m_choices.OneIn(2)) {
             const std::vector<char> reply = m_channel->SendMessage(data);
             const bool sent = ready && m_channel->m_proxy != nullptr;
-            RequireTaken(State().requests, sent ? std::optional(data) : std::nullopt);
-            Require(reply == (sent ? State().reply : std::vector<char>()),
+            RequireTaken(m_world.requests, sent ? std::optional(data) : std::nullopt);
+            Require(reply == (sent ? m_world.reply : std::vector<char>()),
                     "the reply is the partner's, or empty");
             return;
         }
@@ -241,8 +240,8 @@ private:
         m_channel->SendNotification(data, partner);
         const bool sent =
             ready && m_channel->m_signal_id != 0 && partner == m_channel->m_partner_dbus_name;
-        RequireTaken(State().notifications, sent ? std::optional(data) : std::nullopt);
-        Require(!sent || State().notified == partner, "a notification goes to the partner");
+        RequireTaken(m_world.notifications, sent ? std::optional(data) : std::nullopt);
+        Require(!sent || m_world.notified == partner, "a notification goes to the partner");
     }
 
     static void RequireTaken(std::vector<std::vector<char>>& taken,
@@ -253,7 +252,17 @@ private:
         taken.clear();
     }
 
+    static bool IsOneOf(const std::string& held, const std::vector<std::string>& kinds) {
+        return std::find(kinds.begin(), kinds.end(), held.substr(0, held.find('#'))) != kinds.end();
+    }
+
+    void RequireNoMisuse() const {
+        const auto& misuses = m_world.stub.Misuses();
+        Require(misuses.empty(), misuses.empty() ? "" : misuses.front().c_str());
+    }
+
     void Check() {
+        RequireNoMisuse();
         Require(m_channel->m_mutex.TryLock(), "the lock is free between events");
         m_channel->m_mutex.Unlock();
         CheckBinding();
@@ -261,7 +270,8 @@ private:
                 "who is ready was told, and no loss since");
         Require(m_nobody_released || !m_channel->IsConnectionReady() || IsBound(),
                 "nobody is ready without a partner");
-        Require((m_channel->m_timerThread != 0) == State().thread,
+        const pthread_t thread = m_channel->m_timerThread;
+        Require(m_world.stub.IsOfNoThread(thread) || (thread != 0) == m_world.HasThread(),
                 "a thread is recorded as long as there is one");
         for (const auto& [partner, suffix] : m_channel->m_resendHandshake) {
             Require(suffix == "_SYN_ACK" || suffix == "_ACK", "what is owed is an answer");
@@ -276,25 +286,27 @@ private:
         const std::string& partner = m_channel->m_partner_dbus_name;
         Require(m_channel->m_owner_id == 0, "no name is owned");
         Require((m_channel->m_signal_id != 0) == IsBound(), "watch and subscription go together");
-        Require(m_channel->m_proxy == State().proxy, "the proxy held is the one there is");
-        Require(State().proxies == (m_channel->m_proxy == nullptr ? 0 : 1),
-                "no proxy is left over");
+        const std::size_t proxies = m_channel->m_proxy == nullptr ? 0 : 1;
+        Require(m_world.stub.CountHeld("proxy") == proxies, "no proxy is left over");
+        Require(proxies == 0 || m_world.stub.Holds(m_channel->m_proxy),
+                "the proxy held is the one there is");
         Require(m_channel->m_proxy == nullptr || IsBound(), "a proxy belongs to a partner");
-        Require(State().watches.size() == (IsBound() ? 1 : 0), "no watch is left over");
-        Require(State().held_name.empty(), "every name is released");
+        Require(m_world.stub.Watched().size() == (IsBound() ? 1 : 0), "no watch is left over");
+        Require(m_world.held_name.empty(), "every name is released");
         if (IsBound()) {
-            Require(partner != fake_bus::kOwnName, "nobody pairs with itself");
-            Require(State().watches.at(m_channel->m_proxy_watch) == partner,
+            Require(partner != ChosenWorld::kOwnName, "nobody pairs with itself");
+            Require(m_world.stub.Watched().at(m_channel->m_proxy_watch) == partner,
                     "the partner is the one watched");
-            Require(State().subscriptions.at(m_channel->m_signal_id) == partner,
+            Require(m_world.stub.Subscribed().at(m_channel->m_signal_id) == partner,
                     "the partner is the one heard");
         }
-        const std::size_t names = State().connection == nullptr ? 0 : 3;
-        Require(State().subscriptions.size() == names + (IsBound() ? 1 : 0),
+        const std::size_t names = !m_world.connected ? 0 : 3;
+        Require(m_world.stub.Subscribed().size() == names + (IsBound() ? 1 : 0),
                 "no subscription is left over");
     }
 
     Choices& m_choices;
+    ChosenWorld m_world;
     std::unique_ptr<Channel> m_channel;
     bool m_nobody_released = false;
 };
@@ -305,21 +317,6 @@ void KeepOutputQuiet() {
 }
 
 }  // namespace
-
-// Formats the line, so that its arguments are read as they will be on a device.
-// NOLINTNEXTLINE(bugprone-reserved-identifier)
-extern "C" int __dlog_print(int log_id, int priority, const char* tag, const char* format, ...) {
-    Require(log_id == LOG_ID_MAIN, "every line goes to the main buffer");
-    Require(priority == DLOG_DEBUG || priority == DLOG_ERROR, "no other priority is used");
-    Require(std::string(tag) == "sandrel", "every line carries the tag");
-    va_list args;
-    va_start(args, format);
-    char* text = nullptr;
-    const int length = vasprintf(&text, format, args);
-    va_end(args);
-    free(text);
-    return length;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     KeepOutputQuiet();

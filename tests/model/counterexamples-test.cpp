@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What the model of the handshake says can happen, on a real bus: each run of events that
 // docs/ordering.md draws, made to happen, and what an application does about it.
 #include <optional>
@@ -58,7 +59,7 @@ protected:
     std::optional<Stranger> other{bus.Address()};  // a process that is no partner
 };
 
-TEST_F(OrderOfEvents, EndsThatStartAtTheSameMomentStayBoundAndUnready) {
+TEST_F(OrderOfEvents, BothEndsStartingAtOnceStayUnready) {
     // The partner listens, but takes nothing from its queue before both SYNs are announced.
     partner.OnEvent([&](const tevrol::PartnerEvent& event) {
         if (event.kind == tevrol::PartnerEvent::Kind::Joined) {
@@ -82,7 +83,7 @@ TEST_F(OrderOfEvents, EndsThatStartAtTheSameMomentStayBoundAndUnready) {
     EXPECT_TRUE(IterateUntil([&] { return BothReady(partner); }));
 }
 
-TEST_F(OrderOfEvents, EndWhoseFirstSynIsRefusedIsNotFoundByARunningPartner) {
+TEST_F(OrderOfEvents, RefusedFirstSynIsNotFoundByRunningPartner) {
     partner.Join();
     other->Acquire("org.ulmar.Tevrol.demo_CLIENT_SYN");
     StartChannel();
@@ -95,7 +96,7 @@ TEST_F(OrderOfEvents, EndWhoseFirstSynIsRefusedIsNotFoundByARunningPartner) {
     EXPECT_TRUE(IterateUntil([&] { return BothReady(partner); }));
 }
 
-TEST_F(OrderOfEvents, PartnerWhoseSynIsRefusedIsNotFound) {
+TEST_F(OrderOfEvents, PartnerWithRefusedSynIsNotFound) {
     StartChannel();
     other->Acquire("org.ulmar.Tevrol.demo_SERVICE_SYN");
     StartPartner(partner);
@@ -105,7 +106,7 @@ TEST_F(OrderOfEvents, PartnerWhoseSynIsRefusedIsNotFound) {
     EXPECT_EQ(partner.BoundTo(), "");
 }
 
-TEST_F(OrderOfEvents, EndWhoseAnswerIsRefusedForEverStaysBoundAndUnready) {
+TEST_F(OrderOfEvents, AnswerRefusedForeverStaysUnready) {
     StartChannel();
     other->Acquire(kSynAck);
     StartPartner(partner);
@@ -124,7 +125,7 @@ TEST_F(OrderOfEvents, EndWhoseAnswerIsRefusedForEverStaysBoundAndUnready) {
     EXPECT_TRUE(IterateUntil([&] { return BothReady(partner); }));
 }
 
-TEST_F(OrderOfEvents, ProcessThatGivesBackANameOfThisEndIsTakenForIt) {
+TEST_F(OrderOfEvents, ProcessReleasingThisEndsNameIsTakenForIt) {
     StartChannel();
     other->Acquire(kSynAck);
     HeldThread resend(kPassBegins);  // or its SYN_ACK would take the readiness back again
@@ -145,7 +146,7 @@ TEST_F(OrderOfEvents, ProcessThatGivesBackANameOfThisEndIsTakenForIt) {
     EXPECT_TRUE(IterateUntil([&] { return BothReady(partner); }));
 }
 
-TEST_F(OrderOfEvents, PartnerThatDiesWithItsSynIsBoundAndThenLostWithoutHavingBeenReady) {
+TEST_F(OrderOfEvents, PartnerDyingWithItsSynIsBoundThenLost) {
     StartChannel();
     for (const Moment moment : {Moment::DuringSyn, Moment::AfterSyn}) {
         PartnerFaults dies;
@@ -163,7 +164,7 @@ TEST_F(OrderOfEvents, PartnerThatDiesWithItsSynIsBoundAndThenLostWithoutHavingBe
     EXPECT_EQ(channel->ReadyCalls().size(), 2U);
 }
 
-TEST_F(OrderOfEvents, PartnerThatRestartsBeforeItsLossIsDispatchedIsReadyAlone) {
+TEST_F(OrderOfEvents, PartnerRestartedBeforeItsLossIsReadyAlone) {
     StartChannel();
     partner.Join();
     const std::string first = partner.UniqueName();
@@ -188,7 +189,7 @@ TEST_F(OrderOfEvents, PartnerThatRestartsBeforeItsLossIsDispatchedIsReadyAlone) 
     EXPECT_TRUE(IterateUntil([&] { return BothReady(partner); }));
 }
 
-TEST_F(OrderOfEvents, AnnouncementRefusedAsTheResendThreadEndsIsNotRepeated) {
+TEST_F(OrderOfEvents, AnnouncementRefusedAsThreadEndsIsNotRepeated) {
     StartChannel();
     HeldThread resend(kPassBegins);
     gio_calls::Fail(kSynAckRequest, 2);
@@ -212,7 +213,7 @@ TEST_F(OrderOfEvents, AnnouncementRefusedAsTheResendThreadEndsIsNotRepeated) {
     EXPECT_TRUE(IterateUntil([&] { return BothReady(partner); }));
 }
 
-TEST_F(OrderOfEvents, SecondPartnerThatAnnouncedItselfWhileAnotherWasBoundIsNotFound) {
+TEST_F(OrderOfEvents, PartnerAnnouncedWhileAnotherIsBoundIsNotFound) {
     StartChannel();
     Connect(partner, *channel);
     TestPartner second;
@@ -229,7 +230,7 @@ TEST_F(OrderOfEvents, SecondPartnerThatAnnouncedItselfWhileAnotherWasBoundIsNotF
     EXPECT_TRUE(IterateUntil([&] { return BothReady(second); }));
 }
 
-TEST_F(OrderOfEvents, TwoPartnersThatListenBothTakeOneAnswerForTheirs) {
+TEST_F(OrderOfEvents, TwoListeningPartnersTakeOneAnswer) {
     StartChannel();
     TestPartner second;
     second.Join();
@@ -241,7 +242,7 @@ TEST_F(OrderOfEvents, TwoPartnersThatListenBothTakeOneAnswerForTheirs) {
     ExpectBound(*channel, partner.UniqueName());
 }
 
-TEST_F(OrderOfEvents, AckOfAnotherProcessMakesReadyWithItsNameOneThatIsBoundToAPartner) {
+TEST_F(OrderOfEvents, AckOfOtherProcessMakesReadyInItsName) {
     StartChannel();
     partner.Join();
     partner.Announce(HandshakeStage::Syn);
@@ -252,7 +253,7 @@ TEST_F(OrderOfEvents, AckOfAnotherProcessMakesReadyWithItsNameOneThatIsBoundToAP
     ExpectBound(*channel, partner.UniqueName());
 }
 
-TEST_F(OrderOfEvents, ReadyByAnotherProcessIsTakenBackByTheRepeatedSynAckWithoutALoss) {
+TEST_F(OrderOfEvents, RepeatedSynAckTakesReadinessBackWithoutLoss) {
     StartChannel();
     gio_calls::Fail(kSynAckRequest);
     HeldThread resend(kPassBegins);

@@ -1,4 +1,4 @@
-/* The handshake in every order of events, for SPIN. scripts/check-model.sh says what is checked.
+/* The handshake in every order of events, for SPIN. scripts/model.sh says what is checked.
  *
  * The ends are this one (CLIENT) and its mirror images (PARTNER and, where wanted, SECOND). Both
  * roles run the same code, as a mirror image does. The bus hands each end what the end listens
@@ -12,6 +12,11 @@
  *  - Entries that the resend map keeps for a lost partner: the next pass drops them all, and they
  *    do not keep the resend thread alive, so one entry, the latest, stands for the map.
  *
+ * An end that heals (HEALS) is a tevrol end: src/tevrol/handshake.h has its rules. What it announces is
+ * due at once, but events may come before; what comes later takes its place. Its timer ends when
+ * nothing else can happen. It is at rest after a few repetitions; that it would go on for ever adds
+ * nothing to a bus that is quiet.
+ *
  * A run is finite unless names are held for ever: starts, crashes and refusals are limited. So
  * "in the end" is a state in which nothing can happen any more (OUTCOME), and that every run gets
  * there is proven by the search for cycles.
@@ -19,7 +24,7 @@
  * Set from outside: STARTS (of the partner, 1 to this), REFUSALS (announcements that fail),
  * SYN_SPARED (the end whose SYN does not), CLIENT_STARTS, PARTNER_STARTS, LAST_START, SECOND_STARTS
  * (conditions for starting), PARTNER_LEAVES (for good), STRANGER (what another process announces),
- * HELD (this end's SYN_ACK always fails), IN_ORDER (see step), ALWAYS and OUTCOME (what must hold).
+ * HEALS (CLIENT, PARTNER or BOTH), HELD (this end's SYN_ACK always fails), IN_ORDER (see step), ALWAYS and OUTCOME (what must hold).
  */
 
 #ifndef STARTS
@@ -40,6 +45,9 @@
 #ifndef LAST_START
 #define LAST_START PARTNER_STARTS
 #endif
+#ifndef HEALS
+#define HEALS NEITHER
+#endif
 
 mtype = { NONE, SYN, SYN_ACK, ACK, GONE };    /* stages, states, and what the bus reports */
 mtype = { IDLE, RUNNING, FINISHING };         /* the resend thread */
@@ -48,8 +56,11 @@ mtype = { IDLE, RUNNING, FINISHING };         /* the resend thread */
 #define PARTNER 1
 #define SECOND 2
 #define ENDS 3
+#define BOTH 3
+#define NEITHER 4
 #define NOBODY 0
 #define OTHER_PROCESS 9
+#define REPETITIONS 3
 
 /* The same steps for both roles. */
 typedef End {
@@ -62,18 +73,22 @@ typedef End {
   mtype owed;     /* the announcement to repeat */
   byte owed_to;
   mtype thread;
+  mtype answer;   /* what a partner of an end that heals is to hear next */
+  byte repeated;  /* how often its timer has ended since something happened */
 }
 End at[ENDS];
 chan inbox[ENDS] = [10] of { mtype, byte };
 
 byte next_name = 1;
 byte refusals = REFUSALS;
+byte rejoins = 2;                /* that an end that heals may make, at most */
 bool ready_taken_back = false;   /* not ready any more without a loss */
 
 #define up(i) (at[i].name != NOBODY)
 #define ready(i) (at[i].state == ACK)
 #define alive(x) (x == OTHER_PROCESS || at[CLIENT].name == x || at[PARTNER].name == x || at[SECOND].name == x)
 #define loss_reported(i) (at[i].absent || inbox[i]??[GONE, eval(at[i].bound)])
+#define heals(i) (HEALS == BOTH || HEALS == i)
 #define hears(i, j) (up(i) && (i == CLIENT) != (j == CLIENT))
 
 /* Conditions for starting. */
@@ -85,6 +100,10 @@ bool ready_taken_back = false;   /* not ready any more without a loss */
 #define this_end_ready ready(CLIENT)
 
 /* What must hold in every state (ALWAYS). */
+#define partner_not_ready_with_nobody (!ready(PARTNER) || at[PARTNER].bound != NOBODY && \
+                                       (alive(at[PARTNER].bound) || loss_reported(PARTNER)))
+#define healing_told_of_the_bound (!heals(PARTNER) || !ready(PARTNER) || \
+                                   at[PARTNER].told == at[PARTNER].bound)
 #define nobody_bound_not_ready (!ready(CLIENT) || at[CLIENT].bound != NOBODY)
 #define never_its_own_partner (!up(CLIENT) || at[CLIENT].bound != at[CLIENT].name)
 #define ready_with_the_living (!ready(CLIENT) || alive(at[CLIENT].bound) || loss_reported(CLIENT))
@@ -146,8 +165,9 @@ inline announce(i, stage) {
 #endif
      emit(i, stage, at[i].name);
      if
-     :: stage == ACK -> complete(i, at[i].bound)
-     :: else ->
+     :: stage == ACK -> complete(i, at[i].bound); at[i].answer = SYN_ACK
+     :: stage != ACK && heals(i) && ready(i)
+     :: stage != ACK && !(heals(i) && ready(i)) ->
         ready_taken_back = ready_taken_back || ready(i) && i == CLIENT;
         at[i].state = stage
      fi
@@ -156,13 +176,14 @@ inline announce(i, stage) {
 
 inline refused(i, stage) {
   if
-  :: stage != SYN ->
+  :: stage != SYN && !heals(i) ->
      at[i].owed = stage;
      at[i].owed_to = at[i].bound;
      if
      :: at[i].thread == IDLE -> at[i].thread = RUNNING
      :: else
      fi
+  :: heals(i) && at[i].repeated > 0 -> at[i].repeated--
   :: else
   fi
 }
@@ -207,18 +228,55 @@ inline lose(i, partner) {
   :: at[i].bound == partner ->
      printf("%d loses %d\n", at[i].name, partner);
      at[i].bound = NOBODY;
-     at[i].state = NONE
+     at[i].state = NONE;
+     if
+     :: heals(i) -> at[i].todo = SYN; at[i].repeated = 0
+     :: else
+     fi
   :: else
+  fi
+}
+
+/* An end that heals: a bound partner is answered, too, and an ACK counts from it alone. */
+inline heal(i, what, who) {
+  if
+  :: what == SYN && at[i].bound == NOBODY -> at[i].answer = SYN_ACK; bind(i, who, SYN_ACK)
+  :: what == SYN_ACK && at[i].bound == NOBODY -> at[i].answer = ACK; bind(i, who, ACK)
+  :: what == SYN && at[i].bound == who -> at[i].answer = SYN_ACK; at[i].todo = SYN_ACK
+  :: what == SYN_ACK && at[i].bound == who -> at[i].answer = ACK; at[i].todo = ACK
+  :: what == ACK && at[i].bound == who && !ready(i) -> complete(i, who); at[i].repeated = 0
+  :: else -> printf("%d drops it\n", at[i].name)
+  fi
+}
+
+/* Its timer ends: unready, it repeats what is due and at last comes back under another name; ready,
+ * it repeats its SYN_ACK, or the ACK that it owes, and announces ACK once. */
+inline time_out(i) {
+  at[i].repeated++;
+  if
+  :: ready(i) && at[i].repeated == 2 -> at[i].todo = ACK
+  :: ready(i) && at[i].repeated != 2 -> at[i].todo = at[i].answer
+  :: !ready(i) && at[i].repeated < REPETITIONS ->
+     if
+     :: at[i].bound == NOBODY -> at[i].todo = SYN
+     :: else -> at[i].todo = at[i].answer
+     fi
+  :: !ready(i) && at[i].repeated == REPETITIONS ->
+     if
+     :: rejoins > 0 -> rejoins--; leave(i); join(i)
+     :: else
+     fi
   fi
 }
 
 inline hear(i, what, who) {
   if
+  :: what != GONE && who != at[i].name && heals(i) -> heal(i, what, who)
   :: what == GONE -> lose(i, who)
   :: what != GONE && who == at[i].name
-  :: what == SYN && who != at[i].name -> bind(i, who, SYN_ACK)
-  :: what == SYN_ACK && who != at[i].name -> bind(i, who, ACK)
-  :: what == ACK && who != at[i].name ->
+  :: what == SYN && who != at[i].name && !heals(i) -> bind(i, who, SYN_ACK)
+  :: what == SYN_ACK && who != at[i].name && !heals(i) -> bind(i, who, ACK)
+  :: what == ACK && who != at[i].name && !heals(i) ->
      if
      :: at[i].bound != NOBODY -> complete(i, who)
      :: else -> printf("%d is not bound: drops it\n", at[i].name)
@@ -234,6 +292,8 @@ inline join(i) {
   at[i].todo = SYN;
   at[i].owed = NONE;
   at[i].thread = IDLE;
+  at[i].answer = SYN_ACK;
+  at[i].repeated = 0;
   printf("%d starts\n", at[i].name)
 }
 
@@ -263,7 +323,9 @@ inline leave(i) {
   at[i].todo = NONE;
   at[i].owed = NONE;
   at[i].owed_to = NOBODY;
-  at[i].thread = IDLE
+  at[i].thread = IDLE;
+  at[i].answer = NONE;
+  at[i].repeated = 0
 }
 
 /* One step of an end. While a callback has an announcement to make, it holds the lock, so neither
@@ -275,7 +337,7 @@ inline step(i) {
   :: atomic { at[i].todo == SYN -> at[i].todo = NONE; announce(i, SYN) }
   :: atomic { at[i].todo == SYN_ACK -> at[i].todo = NONE; announce(i, SYN_ACK) }
   :: atomic { at[i].todo == ACK -> at[i].todo = NONE; announce(i, ACK) }
-  :: atomic { at[i].todo == NONE && nempty(inbox[i]) -> inbox[i]?what, who; hear(i, what, who);
+  :: atomic { (at[i].todo == NONE || heals(i)) && nempty(inbox[i]) -> inbox[i]?what, who; hear(i, what, who);
               what = NONE; who = NOBODY }
   :: atomic { at[i].todo == NONE && at[i].absent -> at[i].absent = false; lose(i, at[i].bound) }
   :: atomic { at[i].todo == NONE && at[i].thread == RUNNING -> resend(i) }
@@ -358,10 +420,23 @@ end:
 }
 #endif
 
+#define may_time_out(i) (heals(i) && up(i) && at[i].repeated < REPETITIONS)
+#define timers_at_rest (!may_time_out(CLIENT) && !may_time_out(PARTNER))
+
+active proctype Timers() {
+  byte k;
+
+end:
+  do
+  :: atomic { timeout && may_time_out(CLIENT) -> time_out(CLIENT) }
+  :: atomic { timeout && may_time_out(PARTNER) -> time_out(PARTNER) }
+  od
+}
+
 #ifdef OUTCOME
 active proctype Outcome() {
   atomic {
-    timeout ->
+    timeout && timers_at_rest ->
     if
     :: OUTCOME
     :: else -> assert(false)

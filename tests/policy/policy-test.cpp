@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The bus policy as it is shipped, on a bus with a device's stock policy: what it gives to members
 // of the group tevrol, what it refuses to everybody else, and what each of its rules is for.
 #include <fcntl.h>
@@ -12,8 +13,8 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "devkit/partner-process.h"
 #include "tests/support/channel-test.h"
-#include "tools/partner-process.h"
 
 namespace {
 
@@ -35,6 +36,10 @@ const User kService = {64202, kOtherGroup, {kGroupTevrol}};
 const User kServiceByPrimaryGroup = {64203, kGroupTevrol, {}};
 const User kStranger = {64204, kOtherGroup, {}};
 const User kRoot = {0, 0, {}};
+
+std::string NameOf(const User& user) {
+    return "user-" + std::to_string(user.uid);
+}
 
 std::string ReadFile(const std::string& path) {
     std::ostringstream text;
@@ -76,22 +81,23 @@ bool EnterOwnMountNamespace() {
 // need not have them. The bus turns away whoever has no entry in the user database.
 class Machine {
 protected:
-    Machine()
-        : m_group_file(GroupEntry() + ReadFile("/etc/group")),
+    // `members` are the users whom the database has in the group tevrol, separated by commas.
+    explicit Machine(const std::string& members)
+        : m_group_file(GroupEntry(members) + ReadFile("/etc/group")),
           m_user_file(UserEntries() + ReadFile("/etc/passwd")) {
         Replace("/etc/group", m_group_file.Path());
         Replace("/etc/passwd", m_user_file.Path());
     }
 
 private:
-    static std::string GroupEntry() {
-        return "tevrol:x:" + std::to_string(kGroupTevrol) + ":\n";
+    static std::string GroupEntry(const std::string& members) {
+        return "tevrol:x:" + std::to_string(kGroupTevrol) + ":" + members + "\n";
     }
 
     static std::string UserEntries() {
         std::ostringstream entries;
         for (const User& user : {kApplication, kService, kServiceByPrimaryGroup, kStranger}) {
-            entries << "user-" << user.uid << ":x:" << user.uid << ":" << user.group << "::/:\n";
+            entries << NameOf(user) << ":x:" << user.uid << ":" << user.group << "::/:\n";
         }
         return entries.str();
     }
@@ -184,8 +190,9 @@ Permitted AllThatMembersNeed() {
 
 class Policy : private Machine, private TemporaryFile, public ChannelTest {
 protected:
-    explicit Policy(const std::string& policy = ShippedPolicy())
-        : TemporaryFile(policy),
+    explicit Policy(const std::string& policy = ShippedPolicy(), const std::string& members = "")
+        : Machine(members),
+          TemporaryFile(policy),
           ChannelTest("", Include(TEVROL_STOCK_POLICY) + Include(Path()), [] {
               const ConnectingAs user(kApplication);
               return ConnectToSystemBus();
@@ -225,17 +232,40 @@ protected:
         permitted.strangers_signals = Arrives(stranger);
     }
 
-    // Whether the bus refuses this process, a member, a call.
-    static bool IsDenied(const std::string& destination, const char* path, const char* interface,
-                         const char* method, GVariant* parameters) {
-        GError* error = nullptr;
-        GVariant* reply = g_dbus_connection_call_sync(connection, destination.c_str(), path,
-                                                      interface, method, parameters, nullptr,
-                                                      G_DBUS_CALL_FLAGS_NONE, -1, nullptr, &error);
-        const bool denied = g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_ACCESS_DENIED) != 0;
-        g_clear_pointer(&reply, g_variant_unref);
-        g_clear_error(&error);
-        return denied;
+    // Whether the policy refuses a call of `caller`. The bus refuses some by itself, in other
+    // words, to all but root.
+    static bool IsDenied(GDBusConnection* caller, const std::string& destination, const char* path,
+                         const char* interface, const char* method, GVariant* parameters) {
+        GDBusMessage* call =
+            g_dbus_message_new_method_call(destination.c_str(), path, interface, method);
+        if (parameters != nullptr) {
+            g_dbus_message_set_body(call, parameters);
+        }
+        GDBusMessage* reply = g_dbus_connection_send_message_with_reply_sync(
+            caller, call, G_DBUS_SEND_MESSAGE_FLAGS_NONE, G_MAXINT, nullptr, nullptr, nullptr);
+        g_object_unref(call);
+        const gchar* text = g_dbus_message_get_arg0(reply);
+        const std::string why = text == nullptr ? "" : text;
+        g_object_unref(reply);
+        return why.rfind("Rejected send message", 0) == 0 ||
+               why.find("due to security policies") != std::string::npos;
+    }
+    // The same for a method of the bus itself.
+    static bool DriverDenies(GDBusConnection* caller, const char* method, GVariant* parameters,
+                             const char* interface = "org.freedesktop.DBus") {
+        return IsDenied(caller, "org.freedesktop.DBus", "/org/freedesktop/DBus", interface, method,
+                        parameters);
+    }
+    Connection ConnectAs(const User& user) const {
+        const ConnectingAs as(user);
+        return OpenConnection(bus.Address());
+    }
+    // Whether a notification of `sender` passes the bus, looked at before the channel sees it.
+    static bool Arrives(TestPartner& sender, const char* member = "SendSignal") {
+        const Arrivals arrivals(connection, sender.UniqueName());
+        sender.NotifyTo(OwnName(), tevrol::PayloadBody(ToBytes("open")), member);
+        Settle(sender);
+        return arrivals.Count() != 0;
     }
 
     // Constructed once and never destroyed: a second partner may come to it.
@@ -278,14 +308,6 @@ private:
         permitted.requests = request_there && request_back;
         permitted.notifications = notified_there && notified_back;
     }
-
-    // Whether a notification of `sender` passes the bus, looked at before the channel sees it.
-    static bool Arrives(TestPartner& sender) {
-        const Arrivals arrivals(connection, sender.UniqueName());
-        sender.NotifyTo(OwnName(), tevrol::PayloadBody(ToBytes("open")));
-        Settle(sender);
-        return arrivals.Count() != 0;
-    }
 };
 
 // ---- What it gives and refuses ----
@@ -305,18 +327,167 @@ TEST_F(Policy, RefusesRootWhoIsNotInTheGroup) {
     EXPECT_EQ(permitted, Permitted());
 }
 
-TEST_F(Policy, LetsMembersCallNothingButSend) {
+TEST_F(Policy, LetsMembersCallNothingButSendAndWhatSupportsIt) {
     TestChannel& channel = KeptChannel();
     TestPartner service;
     JoinAs(kService, service);
     Connect(service, channel);
-    EXPECT_TRUE(IsDenied(service.UniqueName(), "/org/ulmar/tevrol/CommunicationChannel/demo",
-                         "org.freedesktop.DBus.Introspectable", "Introspect", nullptr));
+    constexpr const char* kPath = "/org/ulmar/tevrol/CommunicationChannel/demo";
+    constexpr const char* kInterface = "org.ulmar.tevrol.DbusCommunication";
+    const auto is_denied = [&](const char* path, const char* interface, const char* method) {
+        return IsDenied(connection, service.UniqueName(), path, interface, method, nullptr);
+    };
+    EXPECT_FALSE(is_denied(kPath, kInterface, "Send"));
+    EXPECT_FALSE(is_denied("/", kInterface, "Send")) << "of paths the bus knows nothing";
+    for (const char* path : {kPath, "/", "/org/ulmar/tevrol"}) {
+        EXPECT_TRUE(is_denied(path, kInterface, "Other"));
+        EXPECT_TRUE(is_denied(path, kInterface, "SendSignal"));
+        EXPECT_TRUE(is_denied(path, "org.ulmar.tevrol.Other", "Send"));
+        EXPECT_TRUE(is_denied(path, nullptr, "Send"));
+        EXPECT_TRUE(is_denied(path, "org.freedesktop.DBus.Introspectable", "Introspect"));
+        EXPECT_TRUE(is_denied(path, "org.freedesktop.DBus.Properties", "GetAll"));
+        EXPECT_FALSE(is_denied(path, "org.freedesktop.DBus.Peer", "Ping"));
+        EXPECT_TRUE(is_denied(path, "org.freedesktop.DBus.Peer", "GetMachineId"));
+        EXPECT_FALSE(is_denied(path, "org.ulmar.tevrol.DirectLink", "Open"));
+        EXPECT_TRUE(is_denied(path, "org.ulmar.tevrol.DirectLink", "Other"));
+    }
 }
 
-TEST_F(Policy, LetsMembersOwnNoNameBesideTheChannels) {
-    EXPECT_TRUE(IsDenied("org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
-                         "RequestName", g_variant_new("(su)", "org.ulmar.Tevrolx", 4U)));
+TEST_F(Policy, LetsMembersSendNoSignalOfTheInterfaceButNotifications) {
+    TestPartner service;
+    JoinAs(kService, service);
+    EXPECT_TRUE(Arrives(service));
+    EXPECT_FALSE(Arrives(service, "Send"));
+    EXPECT_FALSE(Arrives(service, "Other"));
+}
+
+TEST_F(Policy, LetsMembersOwnTheChannelsNamesAndNoOthers) {
+    const auto is_denied = [](const char* name) {
+        return DriverDenies(connection, "RequestName", g_variant_new("(su)", name, 4U));
+    };
+    for (const char* name : {"org.ulmar.Tevrol.demo_CLIENT_SYN",
+                             "org.ulmar.Tevrol.demo_SERVICE_ACK", "org.ulmar.Tevrol.any"}) {
+        EXPECT_FALSE(is_denied(name)) << name;
+    }
+    for (const char* name : {"org.ulmar.Tevrolx", "org.ulmar.Tevrolx.demo_CLIENT_SYN",
+                             "org.ulmar.tevrol.demo", "org.ulmar.Other", "org.ulmar", "org.Tevrol",
+                             "net.example.Service", "org.freedesktop.login1"}) {
+        EXPECT_TRUE(is_denied(name)) << name;
+    }
+}
+
+TEST_F(Policy, LetsNeitherMembersNorStrangersIntoTheWorksOfTheBus) {
+    const Connection stranger = ConnectAs(kStranger);
+    for (GDBusConnection* caller : {connection, stranger.get()}) {
+        EXPECT_TRUE(DriverDenies(caller, "BecomeMonitor", g_variant_new("(asu)", nullptr, 0),
+                                 "org.freedesktop.DBus.Monitoring"));
+        EXPECT_TRUE(DriverDenies(caller, "GetStats", nullptr, "org.freedesktop.DBus.Debug.Stats"));
+        EXPECT_TRUE(
+            DriverDenies(caller, "UpdateActivationEnvironment", g_variant_new("(a{ss})", nullptr)));
+        EXPECT_TRUE(DriverDenies(caller, "ActivationFailure", nullptr,
+                                 "org.freedesktop.systemd1.Activator"));
+    }
+}
+
+TEST_F(Policy, LetsStrangersCallAndOwnNothingOfAnyChannel) {
+    TestPartner service;
+    JoinAs(kService, service);
+    const Connection stranger = ConnectAs(kStranger);
+    for (const char* member : {"Send", "Other"}) {
+        EXPECT_TRUE(IsDenied(stranger.get(), service.UniqueName(),
+                             "/org/ulmar/tevrol/CommunicationChannel/demo",
+                             "org.ulmar.tevrol.DbusCommunication", member, nullptr));
+    }
+    EXPECT_TRUE(IsDenied(stranger.get(), service.UniqueName(), "/", "org.ulmar.tevrol.DirectLink",
+                         "Open", nullptr));
+    EXPECT_TRUE(IsDenied(stranger.get(), service.UniqueName(), "/", "org.freedesktop.DBus.Peer",
+                         "Ping", nullptr));
+    for (const char* name : {"org.ulmar.Tevrol", "org.ulmar.Tevrol.other_CLIENT_SYN"}) {
+        EXPECT_TRUE(DriverDenies(stranger.get(), "RequestName", g_variant_new("(su)", name, 4U)));
+    }
+}
+
+TEST_F(Policy, LeavesTheSignalsOfOthersAlone) {
+    // A stranger's, of another interface, to a member: as the stock policy has it.
+    const Connection stranger = ConnectAs(kStranger);
+    const Arrivals arrivals(connection, g_dbus_connection_get_unique_name(stranger.get()));
+    g_dbus_connection_emit_signal(stranger.get(), OwnName().c_str(), "/a", "org.example.Other",
+                                  "Something", nullptr, nullptr);
+    g_variant_unref(CallDriver(stranger.get(), "GetId", nullptr));
+    Receive();
+    EXPECT_EQ(arrivals.Count(), 1);
+}
+
+// Another package's service that everybody may call, by a policy that the bus reads before.
+class PolicyBesideAnotherService : public Policy {
+protected:
+    explicit PolicyBesideAnotherService(const std::string& policy = ShippedPolicy())
+        : Policy(WithAnotherService(policy)) {}
+
+    // Whether the policy refuses a stranger's call of that service. If not, the answer is there.
+    bool RefusesACall(const char* interface) const {
+        const Connection service = ConnectAs(kRoot);
+        g_variant_unref(CallDriver(service.get(), "RequestName",
+                                   g_variant_new("(su)", "org.example.Service", 4U)));
+        const Connection stranger = ConnectAs(kStranger);
+        return IsDenied(stranger.get(), "org.example.Service", "/a", interface, "Method", nullptr);
+    }
+
+private:
+    static std::string WithAnotherService(std::string policy) {
+        const std::string begin = "<busconfig>\n";
+        return policy.insert(policy.find(begin) + begin.size(),
+                             "<policy context='default'><allow own='org.example.Service'/>"
+                             "<allow send_destination='org.example.Service'/></policy>\n");
+    }
+};
+
+TEST_F(PolicyBesideAnotherService, LeavesItsCallsAloneEvenThoseWithoutAnInterface) {
+    EXPECT_FALSE(RefusesACall(nullptr));
+    EXPECT_FALSE(RefusesACall("org.example.Interface"));
+}
+
+// ---- Where the bus takes the groups from ----
+
+// A bus that starts meanwhile does not learn a process's groups from the kernel.
+class WithoutPeerGroups {
+protected:
+    WithoutPeerGroups() {
+        setenv("LD_PRELOAD", TEVROL_WITHOUT_PEER_GROUPS, 1);
+    }
+    static void End() {
+        unsetenv("LD_PRELOAD");
+    }
+};
+
+class PolicyByDatabase : private WithoutPeerGroups, public Policy {
+protected:
+    explicit PolicyByDatabase(const std::string& members = "") : Policy(ShippedPolicy(), members) {
+        End();
+    }
+};
+
+TEST_F(PolicyByDatabase, RefusesMembersOfWhomTheKernelAloneKnows) {
+    EXPECT_EQ(Try(), Permitted());
+}
+
+class PolicyByDatabaseWithMembers : public PolicyByDatabase {
+protected:
+    PolicyByDatabaseWithMembers()
+        : PolicyByDatabase(NameOf(kApplication) + "," + NameOf(kService)) {}
+};
+
+TEST_F(PolicyByDatabaseWithMembers, AdmitsThem) {
+    EXPECT_EQ(Try(), AllThatMembersNeed());
+}
+
+class PolicyByKernel : public Policy {
+protected:
+    PolicyByKernel() : Policy(ShippedPolicy(), NameOf(kStranger)) {}
+};
+
+TEST_F(PolicyByKernel, DoesNotAskTheDatabase) {
+    EXPECT_EQ(Try(), AllThatMembersNeed());
 }
 
 // ---- What each rule is for ----
@@ -343,7 +514,9 @@ TEST_F(PolicyWithoutTheNames, MakesNoHandshake) {
 
 class PolicyWithoutTheCalls : public Policy {
 protected:
-    PolicyWithoutTheCalls() : Policy(ShippedPolicyWithout("<allow send_type=\"method_call\"")) {}
+    PolicyWithoutTheCalls()
+        : Policy(ShippedPolicyWithout("<allow send_type=\"method_call\" "
+                                      "send_interface=\"org.ulmar.tevrol.DbusCommunication\"")) {}
 };
 
 TEST_F(PolicyWithoutTheCalls, LosesRequestsAlone) {
@@ -355,7 +528,9 @@ TEST_F(PolicyWithoutTheCalls, LosesRequestsAlone) {
 
 class PolicyWithoutTheSignals : public Policy {
 protected:
-    PolicyWithoutTheSignals() : Policy(ShippedPolicyWithout("<allow send_type=\"signal\"")) {}
+    PolicyWithoutTheSignals()
+        : Policy(ShippedPolicyWithout("<allow send_type=\"signal\" "
+                                      "send_interface=\"org.ulmar.tevrol.DbusCommunication\"")) {}
 };
 
 TEST_F(PolicyWithoutTheSignals, LosesNotificationsAlone) {
@@ -367,13 +542,38 @@ TEST_F(PolicyWithoutTheSignals, LosesNotificationsAlone) {
 
 class PolicyWithoutTheRefusal : public Policy {
 protected:
-    PolicyWithoutTheRefusal() : Policy(ShippedPolicyWithout("<deny")) {}
+    PolicyWithoutTheRefusal()
+        : Policy(ShippedPolicyWithout("<deny send_type=\"signal\" "
+                                      "send_interface=\"org.ulmar.tevrol.DbusCommunication\"")) {}
 };
 
 TEST_F(PolicyWithoutTheRefusal, LetsAStrangersSignalsThroughAlone) {
     Permitted expected = AllThatMembersNeed();
     expected.strangers_signals = true;
     EXPECT_EQ(Try(), expected);
+}
+
+// The refusal for every type of message, as one may write it for short.
+class PolicyThatRefusesEveryType : public PolicyBesideAnotherService {
+protected:
+    PolicyThatRefusesEveryType() : PolicyBesideAnotherService(WithoutTheType(ShippedPolicy())) {}
+
+private:
+    static std::string WithoutTheType(std::string policy) {
+        const std::string type = "send_type=\"signal\" ";
+        return policy.erase(policy.find("<deny " + type) + std::string("<deny ").size(),
+                            type.size());
+    }
+};
+
+TEST_F(PolicyThatRefusesEveryType, HitsTheCallsOfOtherServicesThatHaveNoInterface) {
+    EXPECT_TRUE(RefusesACall(nullptr));
+    EXPECT_FALSE(RefusesACall("org.example.Interface"));
+}
+
+TEST_F(PolicyThatRefusesEveryType, LetsTheRepliesToRequestsPass) {
+    EXPECT_EQ(Try(), AllThatMembersNeed());
+    EXPECT_THAT(Errors(), IsEmpty());
 }
 
 // ---- The same with programs, each started as a user of its own ----
@@ -406,6 +606,46 @@ TEST_F(Policy, LetsTheExampleApplicationAndItsPartnerTalkAsTwoUsers) {
     partner.Command("notify the light is on");
     EXPECT_TRUE(
         IterateUntil([&] { return application.Find("notified: the light is on").has_value(); }));
+}
+
+// Two ends of tevrol::Channel, each a process of its own user: whether they get their link.
+class PolicyForTwoChannels : public Policy {
+protected:
+    using Policy::Policy;
+
+    void StartAndTalk() {
+        ASSERT_TRUE(IterateUntil([&] { return client.Find("ready ").has_value(); }));
+        client.Command("request hello");
+        ASSERT_TRUE(IterateUntil([&] { return client.Find("reply hello").has_value(); }));
+    }
+    // The offer is answered before the second request.
+    std::string Direct() {
+        client.Command("request again");
+        client.Command("direct");
+        EXPECT_TRUE(IterateUntil([&] { return client.Find("direct ").has_value(); }));
+        return client.Find("direct ").value_or("");
+    }
+
+    tevrol::PartnerProcess service{RunAs(kService, {TEVROL_CHANNEL_END, "demo", "service"})};
+    tevrol::PartnerProcess client{RunAs(kApplication, {TEVROL_CHANNEL_END, "demo", "client"})};
+};
+
+TEST_F(PolicyForTwoChannels, LetsMembersSetUpTheirLink) {
+    StartAndTalk();
+    EXPECT_EQ(Direct(), "yes");
+}
+
+class PolicyWithoutTheLink : public PolicyForTwoChannels {
+protected:
+    PolicyWithoutTheLink()
+        : PolicyForTwoChannels(
+              ShippedPolicyWithout("<allow send_type=\"method_call\" "
+                                   "send_interface=\"org.ulmar.tevrol.DirectLink\"")) {}
+};
+
+TEST_F(PolicyWithoutTheLink, LeavesTwoChannelsOnTheBus) {
+    StartAndTalk();
+    EXPECT_EQ(Direct(), "no");
 }
 
 TEST_F(Policy, RefusesThePartnerProgramToAStranger) {

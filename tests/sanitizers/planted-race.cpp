@@ -1,8 +1,10 @@
+// SPDX-License-Identifier: MIT
 // What ThreadSanitizer must report, and what it must not although it cannot see into GLib: a worker
-// thread leaves a number to the loop's thread, handed over through the main context ("hand-off") or
-// not at all ("race").
+// thread leaves a number to the loop's thread, handed over through the main context to a loop that
+// sleeps ("hand-off") or does not run yet ("early-hand-off"), or not at all ("race").
 #include <glib.h>
 
+#include <atomic>
 #include <iostream>
 #include <string>
 #include <thread>
@@ -14,6 +16,7 @@ struct Work {
     bool hand_over;
     int number;
     std::thread worker;
+    std::atomic<bool> left{false};  // without an order that ThreadSanitizer would go by
 };
 
 gboolean TakeNumber(gpointer data) {
@@ -28,6 +31,7 @@ void LeaveNumber(Work& work) {
     if (work.hand_over) {
         g_idle_add(TakeNumber, &work);
     }
+    work.left.store(true, std::memory_order_relaxed);
 }
 
 // In the loop, so that it is running when the number is handed over.
@@ -43,9 +47,16 @@ gboolean Start(gpointer data) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    Work work = {
-        g_main_loop_new(nullptr, FALSE), argc < 2 || std::string(argv[1]) != "race", 0, {}};
-    g_idle_add(Start, &work);
+    const std::string kind = argc < 2 ? "hand-off" : argv[1];
+    Work work{g_main_loop_new(nullptr, FALSE), kind != "race", 0, {}};
+    if (kind == "early-hand-off") {
+        Start(&work);
+        while (!work.left.load(std::memory_order_relaxed)) {
+            std::this_thread::yield();
+        }
+    } else {
+        g_idle_add(Start, &work);
+    }
     g_main_loop_run(work.loop);
     work.worker.join();
     g_main_loop_unref(work.loop);

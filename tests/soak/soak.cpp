@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A channel under load for a while: a partner process that is killed and restarted at random and
 // now and then owns the name that this end wants to announce, requests and notifications both ways,
 // each verified, and none lost, doubled or out of order. At the end, what the process holds is
@@ -11,7 +12,6 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
-#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
@@ -26,12 +26,13 @@
 #include <thread>
 #include <vector>
 
+#include "devkit/loop.h"
+#include "devkit/partner-process.h"
+#include "devkit/partner.h"
+#include "devkit/private-bus.h"
 #include "ipc/tevrol-dbus-remote.h"
-#include "partner/partner.h"
 #include "platform/dlog.h"
-#include "tools/loop.h"
-#include "tools/partner-process.h"
-#include "tools/private-bus.h"
+#include "tests/support/device-log.h"
 
 namespace {
 
@@ -488,10 +489,9 @@ private:
 
 }  // namespace
 
-// The program's own log: it counts.
-// NOLINTNEXTLINE(bugprone-reserved-identifier)
-extern "C" int __dlog_print(int, int priority, const char*, const char* format, ...) {
-    const auto says = [&](const char* message) { return std::strstr(format, message) != nullptr; };
+// The log counts.
+bool TakeLogLine(int /*log_id*/, int priority, const char* /*tag*/, const char* text) {
+    const auto says = [&](const char* message) { return std::strstr(text, message) != nullptr; };
     if (says("Monitor unique name")) {
         ++g_bound;
     } else if (says("Connection lost with partner")) {
@@ -503,9 +503,9 @@ extern "C" int __dlog_print(int, int priority, const char*, const char* format, 
     } else if (says("Cannot own name due to")) {
         ++g_refused;
     } else if (priority == DLOG_ERROR) {
-        Expect(false, std::string("the log says: ") + format);
+        Expect(false, std::string("the log says: ") + text);
     }
-    return 0;
+    return true;
 }
 
 // NOLINTBEGIN(bugprone-reserved-identifier): the linker's names

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "tests/support/channel-test.h"
 
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The fixture of all tests that need a bus: a private one, a channel that records what its handlers
 // are told, and a partner that records what it sees.
 //
@@ -19,12 +20,12 @@
 #include <utility>
 #include <vector>
 
+#include "devkit/loop.h"
+#include "devkit/partner.h"
+#include "devkit/payload.h"
+#include "devkit/private-bus.h"
 #include "ipc/tevrol-dbus-remote.h"
-#include "partner/partner.h"
-#include "partner/payload.h"
 #include "tests/support/log.h"
-#include "tools/loop.h"
-#include "tools/private-bus.h"
 
 using tevrol::AllByteValues;
 using tevrol::Bytes;

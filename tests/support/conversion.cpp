@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Compiled once for each conversion, with the class and the function below renamed by the build.
 // The source is included because the conversions are inline.
 #include "tests/support/conversion.h"

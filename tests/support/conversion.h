@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The channel's two ways of converting payloads, side by side: the one call of the bus library for
 // each byte, and the one copy that TEVROL_BULK_PAYLOADS selects.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "tests/support/gio-calls.h"
 
 #include <gio/gio.h>
@@ -360,7 +361,12 @@ gboolean __wrap_g_dbus_connection_emit_signal(GDBusConnection* connection, const
 int __real_pthread_create(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
 int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
                           void* (*start)(void*), void* argument) {
-    if (RecordAndFail("pthread_create")) {
+    GError* error = nullptr;
+    if (RecordAndFail("pthread_create", &error)) {
+        if (error != nullptr) {
+            g_error_free(error);
+            *thread = gio_calls::kHandleOfNoThread;
+        }
         return EAGAIN;
     }
     return __real_pthread_create(thread, attributes, start, argument);
@@ -369,6 +375,9 @@ int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
 int __real_pthread_join(pthread_t, void**);
 int __wrap_pthread_join(pthread_t thread, void** result) {
     RecordAndFail("pthread_join");
+    if (thread == gio_calls::kHandleOfNoThread) {
+        return ESRCH;
+    }
     return __real_pthread_join(thread, result);
 }
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What the tests of the handshake share: the channel's stages as the log shows them, and its state,
 // read under its mutex because the resend thread writes it too.
 #pragma once

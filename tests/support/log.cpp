@@ -1,15 +1,14 @@
+// SPDX-License-Identifier: MIT
 #include "tests/support/log.h"
 
 #include <glib.h>
 
 #include <condition_variable>
-#include <cstdarg>
-#include <cstdio>
 #include <mutex>
-#include <regex>
 #include <utility>
 
 #include "platform/dlog.h"
+#include "tests/support/device-log.h"
 
 namespace {
 
@@ -21,12 +20,10 @@ std::function<void(const LogLine&)> g_then;
 std::vector<std::string> g_glib_reports;
 
 LogLine TakeApart(int log_id, int priority, const std::string& tag, const std::string& text) {
-    static const std::regex prefix(
-        R"(^tevrol-dbus-remote\.cpp: (\w+)\((\d+)\) > \[(\w+):(\d+)\] )");
-    std::smatch found;
-    if (log_id == LOG_ID_MAIN && tag == "sandrel" && std::regex_search(text, found, prefix) &&
-        found[1] == found[3] && found[2] == found[4]) {
-        return {priority, found[1], found.suffix()};
+    const auto line = ParseLogLine(text);
+    if (log_id == LOG_ID_MAIN && tag == "sandrel" && line &&
+        line->file == "tevrol-dbus-remote.cpp") {
+        return {priority, line->function, line->message};
     }
     return {priority, kMalformed, tag + ": " + text};
 }
@@ -60,16 +57,8 @@ std::vector<LogLine> Filter(Condition condition) {
 
 }  // namespace
 
-// The program's own definition takes the place of the stand-in.
-// NOLINTNEXTLINE(bugprone-reserved-identifier)
-extern "C" int __dlog_print(int log_id, int priority, const char* tag, const char* format, ...) {
-    va_list args;
-    va_start(args, format);
-    char* text = nullptr;
-    const int length = vasprintf(&text, format, args);
-    va_end(args);
+bool TakeLogLine(int log_id, int priority, const char* tag, const char* text) {
     const LogLine line = TakeApart(log_id, priority, tag, text);
-    free(text);
     std::unique_lock<std::mutex> lock(g_mutex);
     g_lines.push_back(line);
     const auto then = g_then;
@@ -77,7 +66,7 @@ extern "C" int __dlog_print(int log_id, int priority, const char* tag, const cha
     if (then) {
         then(line);
     }
-    return length;
+    return true;
 }
 
 std::ostream& operator<<(std::ostream& out, const LogLine& line) {

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The device's log and GLib's, as the tests see them: recorded, line by line.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The fixture of the tests of requests and notifications, and what goes wrong alike in both.
 #pragma once
 

@@ -1,6 +1,7 @@
+// SPDX-License-Identifier: MIT
 #include "tests/support/program.h"
 
-#include "tools/subprocess.h"
+#include "devkit/subprocess.h"
 
 ProgramResult RunProgram(const std::vector<std::string>& arguments, const std::string& input) {
     int pipes = G_SUBPROCESS_FLAGS_STDOUT_PIPE | G_SUBPROCESS_FLAGS_STDERR_PIPE;

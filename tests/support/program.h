@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A program run to its end.
 #pragma once
 

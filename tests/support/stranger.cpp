@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "tests/support/stranger.h"
 
 Stranger::Stranger(const std::string& address) : m_connection(OpenConnection(address)) {}

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A peer on the bus that keeps to no protocol: it announces what it likes and signals whom it
 // likes.
 #pragma once

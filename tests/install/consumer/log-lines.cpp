@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Has the channel log a few lines.
 #include <ipc/tevrol-dbus-remote.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A device's log, in a program or in a platform's library: each line's form goes to standard
 // output.
 #include <platform/dlog.h>
