@@ -704,7 +704,9 @@ Outbox& Engine::Out() {
 }
 
 bool Engine::IsFull(std::size_t size) const {
-    const std::size_t waiting = m_bus_out->Waiting() + (m_link_out ? m_link_out->Waiting() : 0);
+    // Since there is a link, nobody asks any more what the partner has taken from the bus.
+    const std::size_t waiting =
+        m_link_out ? m_bus_out->Unsent() + m_link_out->Waiting() : m_bus_out->Waiting();
     return waiting != 0 && waiting + size > m_options.queued;
 }
 

@@ -39,7 +39,11 @@ public:
     bool IsEmpty() const {
         return m_items.empty() && m_wire.IsWritten();
     }
-    // How many bytes wait or are not taken yet.
+    // How many bytes wait here.
+    std::size_t Unsent() const {
+        return m_waiting;
+    }
+    // How many bytes wait here or are not taken yet.
     std::size_t Waiting() const {
         return m_waiting + Untaken();
     }

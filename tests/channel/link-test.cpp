@@ -105,7 +105,9 @@ TEST_F(Link, AnswersWhatWasAskedByTheBus) {
         failed = service->RequestLater({});
         at_service.Add("asked");
     };
-    service = std::make_unique<Channel>("demo", Role::Service, for_service);
+    Options options;
+    options.queued = 4000;
+    service = std::make_unique<Channel>("demo", Role::Service, for_service, options);
     client = std::make_unique<Channel>("demo", Role::Client, for_client);
     ASSERT_TRUE(at_service.Await("asked"));
     ASSERT_TRUE(Await([&] { return client->IsDirect() && service->IsDirect(); }));
@@ -115,6 +117,7 @@ TEST_F(Link, AnswersWhatWasAskedByTheBus) {
     EXPECT_EQ(reply.error, Error::Failed);
     EXPECT_EQ(reply.text, "no bytes");
     ASSERT_TRUE(at_client.Await("answers", 2));
+    EXPECT_FALSE(service->Notify(Bytes(100000))) << "nothing waits that was answered";
 }
 
 }  // namespace
