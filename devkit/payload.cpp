@@ -92,7 +92,7 @@ std::string DescribeBeginning(const Bytes& beginning, std::size_t size) {
 }
 
 std::string DescribeInHex(const Bytes& bytes) {
-    return Size(bytes.size()) + (bytes.empty() ? "" : " " + (kHexMark + ToHex(bytes)));
+    return Size(bytes.size()) + (bytes.empty() ? "" : ' ' + (kHexMark + ToHex(bytes)));
 }
 
 std::optional<Bytes> ParsePayload(const std::string& typed) {
