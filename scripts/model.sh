@@ -27,9 +27,9 @@ search() {
   local how=$1 outcome=$2 searched=$3 build run
   shift 3
   case "$how-$outcome" in
-    state-proven) build="-O1 -DSAFETY" run="-m1000000" ;;
+    state-proven) build="-DSAFETY" run="-m1000000" ;;
     state-refuted) build="-DSAFETY -DBFS" run="" ;;
-    cycle-*) build="-O1 -DNP" run="-l -m1000000" ;;
+    cycle-*) build="-DNP" run="-l -m1000000" ;;
     fair-*) build="" run="-a -f -m1000000" ;;
   esac
   rm -f ./*.trail

@@ -12,7 +12,7 @@
 namespace channel_test {
 namespace {
 
-constexpr unsigned kShares = 4;
+constexpr unsigned kShares = 8;
 
 // One of several tests that share the places among them.
 struct Share {
