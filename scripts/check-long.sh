@@ -22,6 +22,11 @@ step "both ends started together"
 build dev channel-starts
 build/dev/tests/channel/channel-starts 200
 
+step "channels destroyed under load, 2000 of them"
+build dev channel-tests
+build/dev/tests/channel/channel-tests --gtest_brief=1 --gtest_filter='*Closing.AtAnyMomentUnderLoad*' \
+  --gtest_repeat=10
+
 step "valgrind over the unit tests"
 scripts/valgrind.sh unit
 

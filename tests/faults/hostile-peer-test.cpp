@@ -509,8 +509,9 @@ protected:
 
 // Once what a sender has waiting in the bus reaches the limit, the bus reads no more of that
 // sender. But it reads in pieces: a small message that came whole with the end of the one before it
-// is taken up only when the sender sends again.
-TEST_F(BusWithLittleRoom, MessageBehindFullQueueWaitsForNext) {
+// is taken up only when the sender sends again. Where the pieces end is up to the bus, so it may
+// take more than one try to see it.
+TEST_F(BusWithLittleRoom, MessageBehindFullQueueMayWaitForNext) {
     TestChannel channel;
     tevrol::PartnerProcess partner(TEVROL_PARTNER_PROGRAM, "demo");
     ASSERT_TRUE(IterateUntil(
@@ -518,27 +519,40 @@ TEST_F(BusWithLittleRoom, MessageBehindFullQueueWaitsForNext) {
     TestPartner caller;
     caller.Join();
     const auto send = [&](Bytes data) { channel.SendNotification(data); };
-    const auto has_arrived = [&](const std::string& text) {
-        return partner.Find("notification from " + OwnName() + ": " + text).has_value();
+    const auto arrived = [&](const std::string& text) {
+        const auto lines = partner.Lines();
+        return std::count(lines.begin(), lines.end(),
+                          "notification from " + OwnName() + ": " + text);
+    };
+    const auto arrived_large = [&] {
+        const auto lines = partner.Lines();
+        return std::count_if(lines.begin(), lines.end(), [](const std::string& line) {
+            return line.find(": 150000 bytes") != std::string::npos;
+        });
     };
 
-    partner.Stop();
-    send(Bytes(400000, 'x'));  // more than the partner's socket takes
-    Settle();
-    bus.Stop();  // so that it finds both messages
-    send(Bytes(150000, 'x'));
-    send(ToBytes("behind"));
-    ASSERT_TRUE(g_dbus_connection_flush_sync(connection, nullptr, nullptr));
-    bus.Signal(SIGCONT);
-    ASSERT_TRUE(IterateUntil([&] { return Unread(connection) == 0; }));
-    partner.Signal(SIGCONT);
-    ASSERT_TRUE(IterateUntil([&] { return has_arrived("150000 bytes"); }));
-    EXPECT_TRUE(Await(caller.RequestOf(*partner.Find("joined "), tevrol::PayloadBody({}))).ok);
-    EXPECT_FALSE(has_arrived("6 bytes \"behind\""));
+    bool waited = false;
+    constexpr int kTries = 20;
+    for (int round = 1; round <= kTries && !waited; ++round) {
+        partner.Stop();
+        send(Bytes(400000, 'x'));  // more than the partner's socket takes
+        Settle();
+        bus.Stop();  // so that it finds both messages
+        send(Bytes(150000, 'x'));
+        send(ToBytes("behind"));
+        ASSERT_TRUE(g_dbus_connection_flush_sync(connection, nullptr, nullptr));
+        bus.Signal(SIGCONT);
+        ASSERT_TRUE(IterateUntil([&] { return Unread(connection) == 0; }));
+        partner.Signal(SIGCONT);
+        ASSERT_TRUE(IterateUntil([&] { return arrived_large() == round; }));
+        EXPECT_TRUE(Await(caller.RequestOf(*partner.Find("joined "), tevrol::PayloadBody({}))).ok);
+        waited = arrived("6 bytes \"behind\"") < round;
 
-    send(ToBytes("next"));
-    ASSERT_TRUE(IterateUntil([&] { return has_arrived("4 bytes \"next\""); }));
-    EXPECT_TRUE(has_arrived("6 bytes \"behind\""));
+        send(ToBytes("next"));
+        ASSERT_TRUE(IterateUntil([&] { return arrived("4 bytes \"next\"") == round; }));
+        EXPECT_EQ(arrived("6 bytes \"behind\""), round);
+    }
+    EXPECT_TRUE(waited) << "in " << kTries << " tries";
 }
 
 }  // namespace

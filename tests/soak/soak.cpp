@@ -15,9 +15,7 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <iostream>
-#include <limits>
 #include <map>
 #include <mutex>
 #include <optional>
@@ -32,10 +30,23 @@
 #include "devkit/private-bus.h"
 #include "ipc/tevrol-dbus-remote.h"
 #include "platform/dlog.h"
+#include "tests/soak/load.h"
 #include "tests/support/device-log.h"
 
 namespace {
 
+using soak::Answer;
+using soak::Below;
+using soak::Expect;
+using soak::g_failures;
+using soak::Heading;
+using soak::Holdings;
+using soak::MakePayload;
+using soak::Measure;
+using soak::Number;
+using soak::OpenDescriptors;
+using soak::Random;
+using soak::ReadHeading;
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 using tevrol::Bytes;
@@ -46,40 +57,9 @@ constexpr std::uint32_t kPartnerSenders = 2;  // and at the other
 // Notifications are queued without an answer, so each batch ends with a request: its reply says
 // that all before it has been taken, and nothing piles up.
 constexpr int kBatch = 60;
-constexpr std::size_t kMostBytes = 96;
 constexpr std::chrono::seconds kLong{300};
 constexpr unsigned long kMessagesInLong = 1000000;
 const Bytes kHowMany = tevrol::ToBytes("how many notifications?");
-
-using Random = std::mt19937;
-
-std::uint32_t Number(Random& random) {
-    return static_cast<std::uint32_t>(random());
-}
-
-unsigned Below(Random& random, unsigned limit) {
-    return std::uniform_int_distribution<unsigned>(0, limit - 1)(random);
-}
-
-// ---- Payloads: who sends, a number that counts its messages, and bytes that follow from a seed
-// ----
-
-struct Heading {
-    std::uint32_t sender;
-    std::uint32_t number;
-    std::uint32_t seed;
-};
-
-Bytes MakePayload(const Heading& heading) {
-    Bytes payload(sizeof heading);
-    std::memcpy(payload.data(), &heading, sizeof heading);
-    std::minstd_rand bytes(heading.seed + 1);
-    payload.resize(sizeof heading + bytes() % (kMostBytes - sizeof heading));
-    for (std::size_t i = sizeof heading; i < payload.size(); ++i) {
-        payload[i] = static_cast<char>(bytes());
-    }
-    return payload;
-}
 
 // Takes the messages of some senders, notifications and requests alike: of each sender all, once,
 // in the order in which they were sent, from its first on.
@@ -88,12 +68,9 @@ public:
     // What is wrong with the message; empty where it is intact and the next of its sender.
     std::string Take(const Bytes& payload) {
         Heading heading{};
-        if (payload.size() < sizeof heading) {
-            return "is too short";
-        }
-        std::memcpy(&heading, payload.data(), sizeof heading);
-        if (payload != MakePayload(heading)) {
-            return "is not intact";
+        const std::string wrong = ReadHeading(payload, heading);
+        if (!wrong.empty()) {
+            return wrong;
         }
         const std::uint32_t expected = m_next[heading.sender];
         m_next[heading.sender] = heading.number + 1;
@@ -110,23 +87,6 @@ public:
 private:
     std::map<std::uint32_t, std::uint32_t> m_next;
 };
-
-// The right answer to a request differs from it in every byte.
-Bytes Answer(Bytes request) {
-    for (char& byte : request) {
-        byte = static_cast<char>(~byte);
-    }
-    return request;
-}
-
-std::atomic<int> g_failures{0};
-
-void Expect(bool holds, const std::string& otherwise) {
-    if (!holds) {
-        ++g_failures;
-        std::cout << "failed: " << otherwise << std::endl;
-    }
-}
 
 void ExpectIsNext(Receiver& receiver, const Bytes& payload, const std::string& message) {
     const std::string wrong = receiver.Take(payload);
@@ -269,27 +229,6 @@ public:
     unsigned notifications = 0;
 };
 
-struct Holdings {
-    long resident_kib = 0;
-    long threads = 0;
-    long descriptors = 0;
-    std::size_t heap = 0;  // bytes in use
-};
-
-long StatusOf(const std::string& field) {
-    std::ifstream status("/proc/self/status");
-    std::string name;
-    while (status >> name) {
-        if (name == field + ":") {
-            long value = 0;
-            status >> value;
-            return value;
-        }
-        status.ignore(std::numeric_limits<std::streamsize>::max(), '\n');
-    }
-    return -1;
-}
-
 // Releases the replies that the channel keeps, so that what else has grown shows; their number.
 std::size_t ReleaseKeptReplies() {
     std::vector<GVariant*> kept;
@@ -298,33 +237,6 @@ std::size_t ReleaseKeptReplies() {
         g_variant_unref(reply);
     }
     return kept.size();
-}
-
-struct Descriptors {
-    long all = 0;
-    long pipes = 0;
-};
-
-Descriptors OpenDescriptors() {
-    Descriptors open;
-    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
-        std::error_code gone;  // closed by another thread meanwhile
-        const std::string file = std::filesystem::read_symlink(entry.path(), gone).string();
-        open.all += gone ? 0 : 1;
-        open.pipes += file.rfind("pipe:", 0) == 0 ? 1 : 0;
-    }
-    return open;
-}
-
-Holdings Measure() {
-    malloc_trim(0);
-    return {StatusOf("VmRSS"), StatusOf("Threads"), OpenDescriptors().all, mallinfo2().uordblks};
-}
-
-void Print(const char* when, const Holdings& holdings) {
-    std::printf("%-28s %8ld KiB resident  %8zu KiB heap  %3ld threads  %3ld descriptors\n", when,
-                holdings.resident_kib, holdings.heap / 1024, holdings.threads,
-                holdings.descriptors);
 }
 
 class Soak {
