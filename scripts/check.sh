@@ -41,8 +41,10 @@ build asan
 run_tests --preset asan -LE once
 
 step "ThreadSanitizer"
-build tsan
-run_tests --preset tsan -LE once
+# Where threads are.
+build tsan unit-tests library-tests devkit-tests partner-program-tests fault-tests time-jump-tests \
+  channel-tests planted-race
+run_tests --preset tsan -L 'unit|library|faults|channel' -LE once
 
 step "every suppression is needed"
 scripts/lib/suppressions.sh
