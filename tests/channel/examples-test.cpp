@@ -36,5 +36,16 @@ TEST_F(ExampleProduct, TalksWhicheverProcessStartsFirstAndOutlivesEither) {
     EXPECT_TRUE(Await([&] { return display->Find("it is 2", lines).has_value(); }));
 }
 
+TEST_F(ExampleProduct, HasDisplaysOnOtherLoops) {
+    for (const char* program : {TEVROL_DISPLAYS}) {
+        SCOPED_TRACE(program);
+        auto thermostat = Start(TEVROL_PRODUCT_SERVICE);
+        const auto display = Start(program);
+        EXPECT_TRUE(Prints(*display, "now 2"));
+        thermostat->Kill();
+        EXPECT_TRUE(Prints(*display, "no thermostat"));
+    }
+}
+
 }  // namespace
 }  // namespace channel_test

@@ -288,6 +288,15 @@ TEST_F(TevrolctlTest, TalksToAForeignEndAndPassesIt) {
     EXPECT_EQ(verified.status, kOk) << verified.output;
 }
 
+TEST_F(TevrolctlTest, PassesTheExampleInPython) {
+#ifdef TEVROL_SANITIZED
+    GTEST_SKIP() << "takes minutes under a sanitizer";
+#endif
+    const Result verified = Tool({"verify", "--wait=30", "--reply-limit=30", "--authenticating",
+                                  "--run", TEVROL_EXAMPLES "/thermostat.py", "thermostat"});
+    EXPECT_EQ(verified.status, kOk) << verified.output;
+}
+
 TEST_F(TevrolctlTest, ForeignClientAndForeignServiceUnderstandEachOther) {
     const auto service = StartForeign();
     const auto client = StartForeign("", "announced SYN", "demo", "client");
