@@ -4,101 +4,31 @@
 #include <gio/gio.h>
 #include <ipc/tevrol-dbus-remote.h>
 #include <platform/dlog.h>
-#include <unistd.h>
 
-#include <chrono>
 #include <cstdarg>
 #include <cstdio>
 #include <memory>
-#include <mutex>
 #include <optional>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
-#include "devkit/colour.h"
 #include "devkit/loop.h"
 #include "devkit/partner-process.h"
 #include "devkit/payload.h"
 #include "devkit/private-bus.h"
+#include "examples/demo.h"
 
 namespace {
 
 using tevrol::Bytes;
 using tevrol::Describe;
 using tevrol::IterateUntil;
+using namespace demo;
 
 constexpr const char* kChannelName = "demo";
 constexpr std::size_t kWhole = std::size_t{1} << 16;  // describes payloads without leaving any out
-constexpr auto kPatience = std::chrono::seconds(10);
-
-// ---- What is told ----
 
 bool g_verbose = false;
-
-// Lines of the demo, and in a second colour those of the channel's own log. From any thread.
-class Narrator {
-public:
-    void Tell(const std::string& who, const std::string& what) {
-        Print("", who, what);
-    }
-    void TellLog(const std::string& line) {
-        Print("\033[36m", "log", line);
-    }
-    void Headline(const std::string& what) {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        printf("\n%s\n", what.c_str());
-        fflush(stdout);
-    }
-    double Seconds() const {
-        return std::chrono::duration<double>(std::chrono::steady_clock::now() - m_start).count();
-    }
-
-private:
-    void Print(const char* colour, const std::string& who, const std::string& what) {
-        const bool coloured = m_coloured && *colour != '\0';
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        printf("%s%7.3f s  %-12s %s%s\n", coloured ? colour : "", Seconds(), who.c_str(),
-               what.c_str(), coloured ? "\033[0m" : "");
-        fflush(stdout);
-    }
-
-    const std::chrono::steady_clock::time_point m_start = std::chrono::steady_clock::now();
-    const bool m_coloured = tevrol::MayColour(STDOUT_FILENO);
-    std::mutex m_mutex;  // one line at a time
-};
-
-Narrator& Narration() {
-    static Narrator narrator;
-    return narrator;
-}
-
-void Tell(const std::string& who, const std::string& what) {
-    Narration().Tell(who, what);
-}
-
-// ---- What is checked ----
-
-struct Totals {
-    int handshakes = 0;
-    int requests = 0;
-    int notifications = 0;
-    int losses = 0;
-};
-
-class Failure : public std::runtime_error {
-    using std::runtime_error::runtime_error;
-};
-
-void Check(bool holds, const std::string& what) {
-    if (!holds) {
-        throw Failure(what);
-    }
-}
-
-Bytes Reversed(const Bytes& bytes) {
-    return Bytes(bytes.rbegin(), bytes.rend());
-}
 
 std::string Shortened(const std::string& line) {
     constexpr std::size_t kWidth = 76;
@@ -235,7 +165,7 @@ Totals Play() {
     const tevrol::PrivateBus bus;
     Tell("bus", "a private system bus is up");
 
-    Narration().Headline("The partner is running when the application starts: SYN, SYN_ACK, ACK");
+    Headline("The partner is running when the application starts: SYN, SYN_ACK, ACK");
     auto partner = std::make_unique<ToldPartner>(1);
     partner->Await("announced SYN");
     Tell("application", "starts and announces its SYN");
@@ -243,19 +173,20 @@ Totals Play() {
     auto& application = *new Application;
     AwaitHandshake(application, *partner, totals);
 
-    Narration().Headline("Requests and notifications, both ways");
+    Headline("Requests and notifications, both ways");
     RequestBothWays(application, *partner, totals);
     NotifyBothWays(application, *partner, totals);
 
-    Narration().Headline("The partner dies");
+    Headline("The partner dies");
     LosePartner(application, *partner, totals);
 
-    Narration().Headline(
-        "A new partner starts second: it opens with SYN, and the answer is SYN_ACK");
+    Headline("A new partner starts second: it opens with SYN, and the answer is SYN_ACK");
     partner = std::make_unique<ToldPartner>(2);
     AwaitHandshake(application, *partner, totals);
     RequestBothWays(application, *partner, totals);
     NotifyBothWays(application, *partner, totals);
+
+    PlayChannels(totals);
     return totals;
 }
 
@@ -272,7 +203,7 @@ extern "C" int __dlog_print(int /*log_id*/, int priority, const char* /*tag*/, c
     va_start(args, format);
     gchar* text = g_strdup_vprintf(format, args);
     va_end(args);
-    Narration().TellLog((priority == DLOG_ERROR ? "E " : "D ") + std::string(g_strchomp(text)));
+    TellLog((priority == DLOG_ERROR ? "E " : "D ") + std::string(g_strchomp(text)));
     g_free(text);
     return 0;
 }
@@ -297,10 +228,9 @@ int main(int argc, char** argv) {
     try {
         const Totals totals = Play();
         printf(
-            "\ndemo: %d handshakes, %d requests, %d notifications, %d loss, all as expected, in "
+            "\ndemo: %d handshakes, %d requests, %d notifications, %d losses, all as expected, in "
             "%.2f s\n",
-            totals.handshakes, totals.requests, totals.notifications, totals.losses,
-            Narration().Seconds());
+            totals.handshakes, totals.requests, totals.notifications, totals.losses, Seconds());
         return 0;
     } catch (const std::runtime_error& failure) {
         fprintf(stderr, "\ndemo failed: %s\n", failure.what());

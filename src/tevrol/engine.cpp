@@ -252,6 +252,7 @@ void Engine::Read(const Poller::Ready& ready) {
     FireTimers();
     const bool bus = m_bus && (m_unread || ready.Has(m_bus->Fd()));
     const bool link = m_link && (m_unread || ready.Has(m_link->Fd()));
+    const Wire* const former_link = m_link_in ? m_link.get() : nullptr;
     m_unread = bus || link;
     for (int taken = 0; m_unread && taken < kMostAtOnce; ++taken) {
         const bool from_bus = bus && ReadBus();
@@ -259,6 +260,10 @@ void Engine::Read(const Poller::Ready& ready) {
         // With too much for the application already, no more than what writing brings along: what
         // is left is told of again when that changes.
         m_unread = (from_bus || from_link) && !HasTooManyJobs();
+    }
+    if (m_link_in && m_link.get() != former_link) {
+        // sd-bus may have taken what comes first from it together with the end of its set-up.
+        m_unread = true;
     }
     if (m_unread) {
         m_poller.Kick();
