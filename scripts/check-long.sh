@@ -8,8 +8,8 @@ cd "$(dirname "$0")/.." || exit
 
 export CI="${CI:-true}"
 
-step "clang-tidy over the tests"
-git ls-files -- 'tests/*.cpp' | tidy
+step "clang-tidy over programs, benchmarks and tests"
+git ls-files -- 'programs/*.cpp' 'bench/*.cpp' 'tests/*.cpp' | tidy
 
 for preset in release bulk; do
   step "$preset: all tests, shared and optimised"
@@ -31,8 +31,8 @@ install_packages qtbase5-dev
 build dev channel-tests tevrol-example-display-on-qt
 run_tests --preset dev -R ExampleProduct
 
-step "valgrind over the unit tests"
-scripts/valgrind.sh unit
+step "valgrind over conformance and unit tests"
+scripts/valgrind.sh
 
 step "the tests notice every change of the other sources"
 scripts/mutate.sh --all-but channel

@@ -1,6 +1,6 @@
 #!/bin/sh
 # What CI checks beyond the tests: formatting, shellcheck, clang-tidy, the shared build with the other
-# payload conversion, sanitizers, valgrind, mutants, coverage, instructions, fuzzing and a soak.
+# payload conversion, sanitizers, mutants, coverage, instructions, fuzzing and a soak.
 # scripts/check-long.sh has more of the same. Installs what is missing. What the steps have measured
 # is in build/ci/figures.md and printed at the end.
 cd "$(dirname "$0")/.." || exit
@@ -30,11 +30,11 @@ step "the API reference, without a warning"
 scripts/docs.sh
 
 step "clang-tidy, and with it clang++'s warnings"
-git ls-files -- '*.cpp' | grep -v '^tests/' | tidy
+git ls-files -- 'src/*.cpp' 'devkit/*.cpp' 'examples/*.cpp' | tidy
 
-step "the channel and the library: shared, optimised, payloads converted in one copy"
-build bulk unit-tests library-tests devkit-tests partner-program-tests
-run_tests --preset bulk -L 'unit|library'
+step "the library: shared, optimised, payloads converted in one copy"
+build bulk library-tests devkit-tests partner-program-tests
+run_tests --preset bulk -L library
 
 step "AddressSanitizer, LeakSanitizer, UndefinedBehaviorSanitizer"
 build asan
@@ -48,9 +48,6 @@ run_tests --preset tsan -L 'unit|library|faults|channel' -LE once
 
 step "every suppression is needed"
 scripts/lib/suppressions.sh
-
-step "valgrind over the conformance tests"
-scripts/valgrind.sh conformance
 
 step "the conformance tests notice every change of the channel"
 scripts/mutate.sh channel
