@@ -58,6 +58,10 @@ void PartnerProcess::Stop() {
     AwaitStop(m_process.get());
 }
 
+bool PartnerProcess::HasEnded() const {
+    return PidOf(m_process.get()) == 0;
+}
+
 bool PartnerProcess::IsStopped() const {
     return tevrol::IsStopped(m_process.get());
 }

@@ -30,6 +30,7 @@ public:
     void Signal(int signal);
     // Waits until it has ended. Returns its exit status, or -1 when a signal has ended it.
     int Wait();
+    bool HasEnded() const;
     // SIGKILL, and waits until it is gone.
     void Kill();
     // SIGSTOP, and waits until it has stopped; Signal(SIGCONT) lets it go on.

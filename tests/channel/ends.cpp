@@ -41,6 +41,19 @@ bool Events::Await(const std::string& beginning, std::size_t count) const {
     return m_added.wait_for(lock, kLong, [&] { return CountIn(m_events, beginning) >= count; });
 }
 
+bool IsInTurn(const Events& events) {
+    bool ready = false;
+    for (const std::string& event : events.All()) {
+        if (event == "ready" || event == "lost") {
+            if (ready == (event == "ready")) {
+                return false;
+            }
+            ready = !ready;
+        }
+    }
+    return true;
+}
+
 Handlers Noting(Events& events) {
     Handlers handlers;
     handlers.request = [&events](const Bytes& request) {

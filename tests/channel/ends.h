@@ -50,6 +50,9 @@ private:
     std::vector<std::string> m_events;
 };
 
+// Whether "ready" and "lost" come in turn.
+bool IsInTurn(const Events& events);
+
 // Handlers that echo requests and note everything: "request TEXT", "notification TEXT", "ready",
 // "lost".
 Handlers Noting(Events& events);

@@ -122,19 +122,6 @@ protected:
         return false;
     }
 
-    static bool IsInTurn(const Events& events) {
-        bool ready = false;
-        for (const std::string& event : events.All()) {
-            if (event == "ready" || event == "lost") {
-                if (ready == (event == "ready")) {
-                    return false;
-                }
-                ready = !ready;
-            }
-        }
-        return true;
-    }
-
     // Whether a call failed.
     bool Run(Events& service_events, Events& client_events) {
         service = OpenEnd(Role::Service, service_events);

@@ -11,7 +11,9 @@
 #include <systemd/sd-bus.h>
 
 #include <array>
+#include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -32,6 +34,13 @@ bool g_armed = false;
 unsigned g_share = 0;
 unsigned g_shares = 1;
 std::set<std::size_t> g_had_their_turn;
+
+// Set before there is a channel.
+unsigned g_signal_at = 0;
+pid_t g_signalled = 0;
+int g_signal = 0;
+std::atomic<unsigned> g_calls{0};
+std::atomic<bool> g_was_signalled{false};
 
 // The threads of the test call this file's functions before any other does.
 thread_local bool t_is_test = false;
@@ -74,7 +83,15 @@ bool Fails(Failing kind) {
     return fails;
 }
 
+void SignalIfDue() {
+    if (g_signal != 0 && g_calls++ == g_signal_at) {
+        kill(g_signalled, g_signal);
+        g_was_signalled = true;
+    }
+}
+
 bool CallFails() {
+    SignalIfDue();
     return Fails(Failing::Calls);
 }
 
@@ -101,6 +118,16 @@ bool StopFailing() {
     g_armed = false;
     pthread_mutex_unlock(&g_mutex);
     return failed;
+}
+
+void SignalAtCall(unsigned number, pid_t process, int signal) {
+    g_signal_at = number;
+    g_signalled = process;
+    g_signal = signal;
+}
+
+bool IsSignalled() {
+    return g_was_signalled;
 }
 
 InOperation::InOperation() {

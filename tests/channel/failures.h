@@ -1,7 +1,10 @@
 // SPDX-License-Identifier: MIT
 // Makes one call fail: of sd-bus, of epoll, timers and sockets, or of operator new, inside the
-// channels of this process. Only where this is linked in (channel-failure-tests).
+// channels of this process; or ends or stops a process before one. Only where this is linked in
+// (channel-failure-tests, channel-victim).
 #pragma once
+
+#include <sys/types.h>
 
 namespace channel_test {
 
@@ -13,6 +16,11 @@ enum class Failing { Calls, Memory };
 void FailAtNextPlace(Failing kind, unsigned share, unsigned shares);
 // No call fails any more. Returns whether one did.
 bool StopFailing();
+
+// Sends `process` the signal before call number `number`, from 0 on, of those that may fail.
+void SignalAtCall(unsigned number, pid_t process, int signal);
+// Whether it was sent.
+bool IsSignalled();
 
 // While one exists, the calls of this thread count too. Those of all other threads always do: they
 // are the channels' own.
