@@ -76,5 +76,20 @@ TEST_F(ChannelTest, BindsNobodyWhoseLossTheBusDoesNotReport) {
     EXPECT_TRUE(at_client.All().empty());
 }
 
+TEST_F(ChannelTest, KeepsNoRuleOfAPartnerThatIsLost) {
+    bus = nullptr;
+    // Three rules for the names, and one for the partner.
+    bus = std::make_unique<tevrol::PrivateBus>(
+        "<limit name='max_match_rules_per_connection'>4</limit>");
+    client = std::make_unique<Channel>("demo", Role::Client);
+    for (int i = 0; i < 3; ++i) {
+        service = std::make_unique<Channel>("demo", Role::Service, Noting(at_service));
+        ASSERT_TRUE(client->WaitReady(kLong));
+        EXPECT_TRUE(client->Request({}));
+        service = nullptr;
+        ASSERT_TRUE(Await([&] { return !client->IsReady(); }));
+    }
+}
+
 }  // namespace
 }  // namespace channel_test
