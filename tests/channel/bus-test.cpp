@@ -76,6 +76,18 @@ TEST_F(ChannelTest, BindsNobodyWhoseLossTheBusDoesNotReport) {
     EXPECT_TRUE(at_client.All().empty());
 }
 
+TEST_F(ChannelTest, ComesBackAfterAMessageThatTheBusDoesNotCarry) {
+    bus = nullptr;
+    bus = std::make_unique<tevrol::PrivateBus>("<limit name='max_message_size'>100000</limit>");
+    Open(Way::Bus, Noting(at_client), Noting(at_service));
+    const Reply reply = client->Request(Bytes(200000));
+    EXPECT_TRUE(reply.error == Error::NoBus || reply.error == Error::PartnerLost)
+        << reply.error.message();
+    EXPECT_TRUE(at_client.Await("lost"));
+    EXPECT_TRUE(at_service.Await("lost"));
+    EXPECT_TRUE(Await([&] { return client->Request(Bytes(1000)).operator bool(); }));
+}
+
 TEST_F(ChannelTest, KeepsNoRuleOfAPartnerThatIsLost) {
     bus = nullptr;
     // Three rules for the names, and one for the partner.
