@@ -117,7 +117,7 @@ foreach(page ${pages})
 endforeach()
 set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${pages})
 install(DIRECTORY docs/images DESTINATION ${CMAKE_INSTALL_DOCDIR}/docs COMPONENT doc)
-file(GLOB examples CONFIGURE_DEPENDS examples/*.cpp)
+file(GLOB examples CONFIGURE_DEPENDS examples/*.cpp examples/*.h examples/*.py)
 install(FILES ${examples}
               packaging/systemd/tevrol-example.service
               packaging/sysusers.d/tevrol-example.conf

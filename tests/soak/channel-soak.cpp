@@ -383,9 +383,7 @@ int main(int argc, char** argv) {
         std::cerr << "usage: channel-soak SECONDS [SEED]" << std::endl;
         return 2;
     }
-    const unsigned seed =
-        argc > 2 ? static_cast<unsigned>(std::stoul(argv[2])) : std::random_device{}();
-    std::cout << "seed " << seed << std::endl;
+    const unsigned seed = soak::ChooseSeed(argc > 2 ? argv[2] : nullptr);
     mallopt(M_ARENA_MAX, 1);  // so that a new thread brings no arena of its own
     Random random(seed);
     auto bus = std::make_unique<tevrol::PrivateBus>();

@@ -42,6 +42,13 @@ unsigned Below(Random& random, unsigned limit) {
     return std::uniform_int_distribution<unsigned>(0, limit - 1)(random);
 }
 
+unsigned ChooseSeed(const char* given) {
+    const unsigned seed =
+        given == nullptr ? std::random_device{}() : static_cast<unsigned>(std::stoul(given));
+    std::cout << "seed " << seed << std::endl;
+    return seed;
+}
+
 Bytes MakePayload(const Heading& heading) {
     Bytes payload(sizeof heading);
     std::memcpy(payload.data(), &heading, sizeof heading);

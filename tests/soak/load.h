@@ -16,6 +16,8 @@ namespace soak {
 using Random = std::mt19937;
 std::uint32_t Number(Random& random);
 unsigned Below(Random& random, unsigned limit);
+// The seed of a run, printed: the one that is given, or any.
+unsigned ChooseSeed(const char* given);
 
 // ---- Payloads: who sends, a number that counts its messages, and bytes that follow from a seed
 // ----
