@@ -168,6 +168,10 @@ protected:
     ~OwnContext() override {
         g_main_context_unref(m_context);
     }
+    static void AwaitEndOf(const std::string& partner) {
+        while (NameHasOwner(partner)) {
+        }
+    }
     void Iterate() const {
         Receive();
         while (g_main_context_iteration(m_context, FALSE) != FALSE) {
@@ -184,14 +188,17 @@ protected:
 
 TEST_F(OwnContext, KeptThreadDefaultGetsEverything) {
     TestChannel channel;
+    std::string gone;
     {
         Stranger partner(bus.Address());
+        gone = partner.UniqueName();
         partner.Pulse(kSynAck);
         Iterate();
         EXPECT_TRUE(channel.IsConnectionReady());
         NotifyAndIterate(partner);
         EXPECT_EQ(channel.Notifications().size(), 1U);
     }
+    AwaitEndOf(gone);
     Iterate();
     EXPECT_FALSE(channel.IsConnectionReady());
     g_main_context_pop_thread_default(m_context);
@@ -200,8 +207,10 @@ TEST_F(OwnContext, KeptThreadDefaultGetsEverything) {
 TEST_F(OwnContext, PoppedGetsNeitherNotificationsNorLoss) {
     TestChannel channel;
     g_main_context_pop_thread_default(m_context);
+    std::string gone;
     {
         Stranger partner(bus.Address());
+        gone = partner.UniqueName();
         partner.Pulse(kSynAck);
         Iterate();
         EXPECT_TRUE(channel.IsConnectionReady());
@@ -210,6 +219,7 @@ TEST_F(OwnContext, PoppedGetsNeitherNotificationsNorLoss) {
         Settle();
         EXPECT_EQ(channel.Notifications().size(), 1U);
     }
+    AwaitEndOf(gone);
     Iterate();
     EXPECT_TRUE(channel.IsConnectionReady());
     Settle();
