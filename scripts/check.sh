@@ -30,7 +30,8 @@ step "the API reference, without a warning"
 scripts/docs.sh
 
 step "clang-tidy, and with it clang++'s warnings"
-git ls-files -- 'src/*.cpp' 'devkit/*.cpp' 'examples/*.cpp' | tidy
+# Qt's own headers are not clean.
+git ls-files -- 'src/*.cpp' 'devkit/*.cpp' 'examples/*.cpp' ':!examples/display-on-qt.cpp' | tidy
 
 step "the library: shared, optimised, payloads converted in one copy"
 build bulk library-tests devkit-tests partner-program-tests
