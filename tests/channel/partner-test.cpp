@@ -4,12 +4,34 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <cstdlib>
 #include <thread>
 
 #include "tests/channel/ends.h"
+#include "tevrol/names.h"
 
 namespace channel_test {
 namespace {
+
+// How many processes own the name or wait for it.
+std::size_t CountEnds(const char* name) {
+    sd_bus* bus = nullptr;
+    sd_bus_message* reply = nullptr;
+    char** ends = nullptr;
+    std::size_t count = 0;
+    EXPECT_GE(sd_bus_open_system(&bus), 0);
+    if (sd_bus_call_method(bus, tevrol::kDriver, tevrol::kDriverPath, tevrol::kDriver,
+                           "ListQueuedOwners", nullptr, &reply, "s", name) >= 0 &&
+        sd_bus_message_read_strv(reply, &ends) > 0) {
+        for (; ends[count] != nullptr; ++count) {
+            free(ends[count]);
+        }
+        free(ends);
+    }
+    sd_bus_message_unref(reply);
+    sd_bus_flush_close_unref(bus);
+    return count;
+}
 
 class ChannelPartner : public ChannelByWay {
 protected:
@@ -115,6 +137,8 @@ TEST_P(ChannelPartner, IsReplacedByItsStandby) {
     OpenWithProcess(Role::Client);
     EndProcess standby(Role::Service, GetParam() == Way::Link);
     ASSERT_TRUE(end->Request(ToBytes("first")));
+    ASSERT_TRUE(Await([&] { return CountEnds("org.ulmar.Tevrol.demo_SERVICE") == 2; }))
+        << "the standby does not wait for the name";
     EXPECT_EQ(standby.Count("ready"), 0U);
     process->Kill();
     ASSERT_TRUE(standby.AwaitLine("ready"));
