@@ -11,7 +11,7 @@ quietly build coverage conformance-tests log-stand-in-tests channel-tests channe
 find build/coverage -name '*.gcda' -delete
 build/coverage/tests/conformance/conformance-tests --gtest_brief=1
 ctest --preset coverage --quiet -R '^(LogStandIn|HandshakeTest|Fuzz[.](messages|handshake))'
-ctest --preset coverage --quiet -L channel -E ChannelStarts -j 8
+ctest --preset coverage --quiet -L channel -E 'ChannelStarts|ChannelSoak' -j 8
 
 # The channel and the lock are compiled without the paths of exceptions there
 # (tests/conformance/CMakeLists.txt); of the stand-in, gcovr leaves them out.
