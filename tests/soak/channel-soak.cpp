@@ -10,7 +10,8 @@
 #include <malloc.h>
 #include <unistd.h>
 
-#include <array>
+#include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <cstring>
